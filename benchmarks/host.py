@@ -1,0 +1,135 @@
+"""The least host that the tracker runs in, so that a measurement shows the tracker and not its host.
+
+``install`` puts these stand-ins where the module and its plain-Python baseline import the daemon's
+names from. Both then see the same objects.
+"""
+
+from __future__ import annotations
+
+import importlib
+import sys
+from collections.abc import Iterable, Sequence
+from dataclasses import dataclass, field
+from pathlib import Path
+from types import ModuleType
+from typing import Any
+
+ROOT = Path(__file__).resolve().parent.parent
+PACKAGE = ROOT / "build" / "release" / "package"
+
+
+@dataclass
+class ToolsConfig:
+    """The settings that the tracker reads."""
+
+    disable_after_errors: int = 3
+    disable_cooldown_s: float = 60.0
+
+
+class ToolSpec:
+    """A tool of the registry, with the actions it has."""
+
+    def __init__(self, actions: Iterable[str] = ()) -> None:
+        self._actions = {name: {"name": name} for name in actions}
+
+    def action(self, name: str) -> dict[str, str] | None:
+        """The description of an action; None when the tool has none of that name."""
+        return self._actions.get(name)
+
+
+TOOLS: dict[str, ToolSpec] = {}
+SLOW_CALLS: set[tuple[str, str | None]] = set()
+
+
+def is_slow_call(tool: str, action: str | None) -> bool:
+    """Whether a call is slow by nature."""
+    return (tool, action) in SLOW_CALLS
+
+
+@dataclass
+class ThreadCensus:
+    """A count of the process's threads."""
+
+    os_threads: int | None = 12
+    python_total: int = 9
+    python_threads: dict[str, int] = field(default_factory=lambda: {"MainThread": 1, "pool": 8})
+
+
+class TimingCollector:
+    """A collector whose statistics are whatever ``stats`` holds."""
+
+    def __init__(self) -> None:
+        self.stats: list[Any] = []
+
+    def get_all_stats(self) -> list[Any]:
+        """The statistics of every tool."""
+        return self.stats
+
+
+COLLECTOR = TimingCollector()
+
+
+class Database:
+    """A database that answers from memory and forgets what it is given but for the last write."""
+
+    def __init__(self, rows: Sequence[Any] = (), document: str | None = None) -> None:
+        self.rows: Sequence[Any] = rows
+        self.document = document
+
+    def fetchall(self, sql: str) -> Any:
+        """The rows of ``tool_health``."""
+        return self.rows
+
+    def fetchone(self, sql: str, params: Sequence[Any]) -> Any:
+        """The row of the usage document."""
+        return None if self.document is None else (self.document,)
+
+    def execute(self, sql: str, params: Sequence[Any]) -> None:
+        """Keep the usage document."""
+        self.document = params[1]
+
+    def executemany(self, sql: str, rows: Sequence[Any]) -> None:
+        """Keep the health rows."""
+        self.rows = rows
+
+
+class Repository:
+    """A repository, which to the tracker is its database."""
+
+    def __init__(self, db: Any) -> None:
+        self.db = db
+
+
+def install(package: Path = PACKAGE) -> None:
+    """Make the stand-ins importable as the daemon's modules, and find the extension in ``package``.
+
+    A build under ``package`` is not needed until ``extension`` is called.
+    """
+    root = package / "quorl_dendra"
+    for name, path in (
+        ("quorl_dendra", root),
+        ("quorl_dendra.tool_handlers", root / "tool_handlers"),
+        ("quorl_dendra.utils", root / "utils"),
+    ):
+        _module(name).__path__ = [str(path)]
+    _module("quorl_dendra.config", ToolsConfig=ToolsConfig)
+    _module("quorl_dendra.tool_registry", TOOLS=TOOLS)
+    _module("quorl_dendra.tool_schemas", is_slow_call=is_slow_call)
+    _module(
+        "quorl_dendra.utils.process", ThreadCensus=ThreadCensus, thread_census=lambda: ThreadCensus()
+    )
+    _module("quorl_dendra.utils.timing", get_timing_collector=lambda: COLLECTOR)
+
+
+def extension() -> Any:
+    """The built extension module; exits with a message when there is no build."""
+    try:
+        return importlib.import_module("quorl_dendra.tool_handlers.health")
+    except ModuleNotFoundError as error:
+        sys.exit(f"{Path(sys.argv[0]).name}: the extension is not built ({error}); run: make build")
+
+
+def _module(name: str, **names: Any) -> ModuleType:
+    module = sys.modules[name] = ModuleType(name)
+    vars(module).update(names)
+    return module
