@@ -1,0 +1,79 @@
+# `make help` lists the targets. CMake does the building (CMakePresets.json); this file only names the commands.
+
+SHELL := /bin/bash
+.NOTPARALLEL:
+.DEFAULT_GOAL := help
+
+ARGS ?=
+PRESET ?= debug
+SEED ?=
+SECONDS ?= 60
+
+.PHONY: help
+help: ## list the targets
+	@sed -n 's/^\([a-z]*\):.*## /\1\t/p' Makefile | expand -t 12
+
+.PHONY: build
+build: ## build the release; the importable tree is then build/release/package
+	@scripts/bootstrap
+	@scripts/build release
+
+.PHONY: demo
+demo: build ## run the stand-alone daemon's demonstration (ARGS="--threads 8 --json ...")
+	@build/release/python -m quorl_dendra.demo $(ARGS)
+
+.PHONY: test
+test: build ## build the release and run every test against it
+	@ctest --preset release
+
+.PHONY: sanitize
+sanitize: ## run the tests under the address and undefined-behaviour sanitizers, then with assertions
+	@scripts/bootstrap
+	@scripts/build sanitize
+	@ctest --preset sanitize
+	@scripts/build debug
+	@ctest --preset debug
+
+.PHONY: fuzz
+fuzz: ## random operations against plain Python (SEED=number, SECONDS=60, PRESET=debug)
+	@scripts/bootstrap
+	@scripts/build $(PRESET)
+	@build/$(PRESET)/python -X dev tests/fuzz.py --seconds $(SECONDS) $(if $(SEED),--seed $(SEED)) $(ARGS)
+
+.PHONY: bench
+bench: build ## measure the release against plain Python (ARGS="--quick"); build/bench.json keeps the numbers
+	@build/release/python benchmarks/bench.py --json build/bench.json $(ARGS)
+
+.PHONY: plot
+plot: ## draw docs/summary-time.svg from the numbers of the last `make bench`
+	@scripts/bootstrap plot
+	@test -f build/bench.json || $(MAKE) bench
+	@$$(scripts/find-python) scripts/plot build/bench.json docs/summary-time.svg
+
+.PHONY: coverage
+coverage: ## run the tests and show which native lines and branches they execute
+	@scripts/bootstrap
+	@scripts/build coverage
+	@find build/coverage -name '*.gcda' -delete
+	@ctest --preset coverage
+	@build/coverage/python scripts/coverage build/coverage tool_handlers/health
+
+.PHONY: lint
+lint: ## check formatting, run clang-tidy, and see that one symbol is exported
+	@scripts/bootstrap lint
+	@scripts/build release
+	@scripts/lint
+
+.PHONY: format
+format: ## format the C++ sources
+	@scripts/bootstrap lint
+	@scripts/lint --format
+
+.PHONY: typecheck
+typecheck: build ## check the stub and the Python sources with pyright, strictly
+	@scripts/bootstrap typecheck
+	@scripts/typecheck
+
+.PHONY: clean
+clean: ## remove what was built
+	@rm -rf build
