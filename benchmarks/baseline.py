@@ -111,6 +111,30 @@ def _rows(tool_name: str, entries: Iterable[tuple[_UsageKey, _Usage]]) -> list[d
     return rows
 
 
+def _worst_first(
+    states: dict[str, _ToolState], usage: dict[_UsageKey, _Usage]
+) -> list[tuple[str, _ToolState]]:
+    """Every tool that has a state or usage counts with its state, the worst first."""
+    tools = dict(states)
+    for tool_name, _, _, _ in usage:
+        if tool_name not in tools:
+            tools[tool_name] = _ToolState()
+    return sorted(tools.items(), key=lambda item: (-item[1].error_count, -item[1].call_count))
+
+
+def _record(name: str, state: _ToolState) -> dict[str, Any]:
+    """A tool's record in the health summary, but for its usage rows."""
+    return {
+        "tool_name": name,
+        "call_count": state.call_count,
+        "error_count": state.error_count,
+        "last_error": state.last_error,
+        "disabled": state.disabled_at is not None,
+        "disabled_at": _sqlite_time(state.disabled_at),
+        "updated_at": _sqlite_time(state.updated_at),
+    }
+
+
 class ToolHealthTracker:
     """Track tool call success/failure and auto-disable unhealthy tools.
 
@@ -274,25 +298,9 @@ class ToolHealthTracker:
             whether the action is slow by nature.
         """
         with self._lock:
-            states = dict(self._state)
-            for tool_name, _, _, _ in self._usage:
-                if tool_name not in states:
-                    states[tool_name] = _ToolState()
-            worst_first = sorted(
-                states.items(), key=lambda item: (-item[1].error_count, -item[1].call_count)
-            )
             return [
-                {
-                    "tool_name": name,
-                    "call_count": state.call_count,
-                    "error_count": state.error_count,
-                    "last_error": state.last_error,
-                    "disabled": state.disabled_at is not None,
-                    "disabled_at": _sqlite_time(state.disabled_at),
-                    "updated_at": _sqlite_time(state.updated_at),
-                    "usage": self._usage_rows(name),
-                }
-                for name, state in worst_first
+                {**_record(name, state), "usage": self._usage_rows(name)}
+                for name, state in _worst_first(self._state, self._usage)
             ]
 
     def _usage_rows(self, tool_name: str) -> list[dict[str, Any]]:

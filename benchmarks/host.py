@@ -1,7 +1,7 @@
 """The least host that the tracker runs in, so that a measurement shows the tracker and not its host.
 
-``install`` puts these stand-ins where the module and its plain-Python baseline import the daemon's
-names from. Both then see the same objects.
+Importing this puts its stand-ins where the module and its plain-Python baseline import the daemon's
+names from; both then see the same objects. So it is imported before either of them.
 """
 
 from __future__ import annotations
@@ -100,36 +100,26 @@ class Repository:
         self.db = db
 
 
-def install(package: Path = PACKAGE) -> None:
-    """Make the stand-ins importable as the daemon's modules, and find the extension in ``package``.
-
-    A build under ``package`` is not needed until ``extension`` is called.
-    """
-    root = package / "quorl_dendra"
-    for name, path in (
-        ("quorl_dendra", root),
-        ("quorl_dendra.tool_handlers", root / "tool_handlers"),
-        ("quorl_dendra.utils", root / "utils"),
-    ):
-        _module(name).__path__ = [str(path)]
-    _module("quorl_dendra.config", ToolsConfig=ToolsConfig)
-    _module("quorl_dendra.tool_registry", TOOLS=TOOLS)
-    _module("quorl_dendra.tool_schemas", is_slow_call=is_slow_call)
-    _module(
-        "quorl_dendra.utils.process", ThreadCensus=ThreadCensus, thread_census=lambda: ThreadCensus()
-    )
-    _module("quorl_dendra.utils.timing", get_timing_collector=lambda: COLLECTOR)
-
-
-def extension() -> Any:
-    """The built extension module; exits with a message when there is no build."""
+def extension(package: Path = PACKAGE) -> Any:
+    """The extension built into ``package``; exits with a message when there is none."""
+    sys.modules["quorl_dendra.tool_handlers"].__path__ = [
+        str(package / "quorl_dendra" / "tool_handlers")
+    ]
     try:
         return importlib.import_module("quorl_dendra.tool_handlers.health")
     except ModuleNotFoundError as error:
         sys.exit(f"{Path(sys.argv[0]).name}: the extension is not built ({error}); run: make build")
 
 
-def _module(name: str, **names: Any) -> ModuleType:
-    module = sys.modules[name] = ModuleType(name)
+def _stand_in(name: str, **names: Any) -> None:
+    module = sys.modules[f"quorl_dendra{name}"] = ModuleType(f"quorl_dendra{name}")
     vars(module).update(names)
-    return module
+
+
+for _package in ("", ".tool_handlers", ".utils"):
+    _stand_in(_package, __path__=[])
+_stand_in(".config", ToolsConfig=ToolsConfig)
+_stand_in(".tool_registry", TOOLS=TOOLS)
+_stand_in(".tool_schemas", is_slow_call=is_slow_call)
+_stand_in(".utils.process", ThreadCensus=ThreadCensus, thread_census=lambda: ThreadCensus())
+_stand_in(".utils.timing", get_timing_collector=lambda: COLLECTOR)
