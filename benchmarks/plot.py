@@ -1,0 +1,67 @@
+"""Draw the summary's time against the number of usage keys, with gnuplot, from the benchmark's JSON."""
+
+from __future__ import annotations
+
+import argparse
+import json
+import subprocess
+import sys
+from pathlib import Path
+from typing import Any
+
+# subject, title, colour, point type
+LINES = (
+    ("baseline", "plain Python, one pass per tool", "#b5403a", 7),
+    ("grouped", "plain Python, one pass for all tools", "#c98a1b", 5),
+    ("module", "the module", "#2b6ca3", 9),
+)
+
+SETTINGS = """
+set output '{output}'
+set border 3 lc rgb '#555555'
+set tics nomirror scale 0.6 textcolor rgb '#333333'
+set grid ytics xtics lc rgb '#dddddd' lt 1 lw 0.6
+set logscale xy
+set xtics ("1,000" 1e3, "3,000" 3e3, "10,000" 1e4, "30,000" 3e4, "100,000" 1e5)
+set xrange [800:130000]
+set title "get\\\\_health\\\\_summary, 30 usage keys per tool" textcolor rgb '#222222'
+set xlabel "usage keys" textcolor rgb '#333333'
+set ylabel "time of one summary, ms" textcolor rgb '#333333'
+set key bottom right reverse Left textcolor rgb '#222222'
+"""
+
+TERMINALS = {
+    ".svg": "set terminal svg size 760,480 font 'Helvetica,14' background rgb 'white' enhanced",
+    ".png": "set terminal pngcairo size 760,480 font 'Helvetica,12' background rgb 'white' enhanced",
+}
+
+
+def program(points: list[dict[str, Any]], output: Path) -> str:
+    """The gnuplot program that draws ``points`` into ``output``, an .svg or a .png."""
+    data: list[str] = []
+    curves: list[str] = []
+    for subject, title, colour, point in LINES:
+        own = [p for p in points if p["subject"] == subject]
+        if not own:
+            continue
+        data += [f"${subject} << END", *(f"{p['keys']} {p['ns'] / 1e6}" for p in own), "END"]
+        curves.append(f"${subject} with linespoints lw 2 pt {point} lc rgb '{colour}' title '{title}'")
+    settings = SETTINGS.format(output=output)
+    return "\n".join([TERMINALS[output.suffix], settings, *data, "plot " + ", ".join(curves), ""])
+
+
+def main() -> None:
+    """Read the JSON, draw the picture."""
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("json", type=Path, help="what bench.py --json wrote")
+    parser.add_argument("output", type=Path, help="the picture to write: .svg or .png")
+    options = parser.parse_args()
+    points = json.loads(options.json.read_text())["scaling"]
+    if not points:
+        sys.exit(f"plot.py: {options.json} holds no scaling points")
+    options.output.parent.mkdir(parents=True, exist_ok=True)
+    subprocess.run(["gnuplot"], input=program(points, options.output), text=True, check=True)
+
+
+if __name__ == "__main__":
+    main()
