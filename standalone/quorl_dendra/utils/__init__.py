@@ -1,0 +1,1 @@
+"""What the daemon knows about its own process: threads and timings."""
