@@ -35,6 +35,7 @@ class Story:
         self._database = database
         self._root = root
         self._threads = threads
+        self._crew = f"{threads} threads" if threads > 1 else "1 thread"
         self._thread_budget = threads + _OTHER_THREADS + _SPARE_THREADS
         self._page = PageServer()
         self._calls_made = 0
@@ -58,8 +59,8 @@ class Story:
     def moral(self) -> str:
         """What the reader has seen, in a sentence."""
         return (
-            f"You have seen {self._threads} threads make {self._calls_made} real tool calls, each "
-            f"one counted; fetch fail {_LIMITS.disable_after_errors} times in a row, be refused "
+            f"You have seen {self._crew} make {self._calls_made} real tool calls, each one "
+            f"counted; fetch fail {_LIMITS.disable_after_errors} times in a row, be refused "
             "with its last error, and recover after its cooldown; and a new tracker find every "
             f"count again in {printable(self._database)}. Run this again, and the counts go on "
             "from there."
@@ -152,7 +153,7 @@ class Story:
             self._console.progress(done, number)
         self._calls_made += number
         ended = ", ".join(f"{times} {outcome}" for outcome, times in outcomes.items())
-        self._console.tell(f"{self._threads} threads made {number} tool calls: {ended}")
+        self._console.tell(f"{self._crew} made {number} tool calls: {ended}")
 
     def _fetch(self, daemon: Daemon, expected: Outcome) -> str:
         """Fetch the page on this thread; the notice given, if it ends as the story needs it."""
