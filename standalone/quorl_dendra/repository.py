@@ -35,7 +35,7 @@ class Database:
         self._connection = sqlite3.connect(path, timeout=busy_timeout_s, check_same_thread=False)
         try:
             self._connection.execute("PRAGMA journal_mode = WAL")
-            self._connection.execute("PRAGMA synchronous = NORMAL")  # a killed process loses nothing
+            self._connection.execute("PRAGMA synchronous = NORMAL")  # outlives a kill
             for statement in _SCHEMA:
                 self.execute(statement)
         except BaseException:
