@@ -105,9 +105,7 @@ def _rows(tool_name: str, entries: Iterable[tuple[_UsageKey, _Usage]]) -> list[d
         }
         for (_, action, outcome, alias_hit), usage in entries
     ]
-    rows.sort(
-        key=lambda row: (-row["calls"], str(row["action"]), row["outcome"], row["alias_hit"])
-    )
+    rows.sort(key=lambda row: (-row["calls"], str(row["action"]), row["outcome"], row["alias_hit"]))
     return rows
 
 

@@ -1,4 +1,4 @@
-"""The least host that the tracker runs in, so that a measurement shows the tracker and not its host.
+"""The least host that the tracker runs in: a measurement is to show the tracker, not its host.
 
 Importing this puts its stand-ins where the module and its plain-Python baseline import the daemon's
 names from; both then see the same objects. So it is imported before either of them.

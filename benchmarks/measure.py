@@ -1,4 +1,4 @@
-"""Taking times: every subject of a row in turn, round by round, so that the machine's drift hits all.
+"""Taking times: every subject of a row in turn, so that the machine's drift hits all alike.
 
 A sample is a function without arguments that does its work once and returns what it cost. The
 garbage collector stays on, as in the daemon, and is run to the end before each sample, so that no
@@ -69,7 +69,7 @@ def repeated(statements: str, names: Mapping[str, Any]) -> Callable[[int], int]:
 
 
 def per_turn(run: Callable[[int], int], sample_s: float) -> Sample:
-    """A sample of ``run(n)``, in nanoseconds per turn, whose ``n`` makes it last about ``sample_s``."""
+    """A sample of ``run``, in nanoseconds per turn, with turns for about ``sample_s`` seconds."""
     n = UNROLL
     while (spent := run(n)) < sample_s * 1e9 / 4:
         n *= 2

@@ -1,4 +1,4 @@
-"""Draw the summary's time against the number of usage keys, with gnuplot, from the benchmark's JSON."""
+"""Draw the summary's time against the usage keys, with gnuplot, from the benchmark's JSON."""
 
 from __future__ import annotations
 
@@ -45,7 +45,9 @@ def program(points: list[dict[str, Any]], output: Path) -> str:
         if not own:
             continue
         data += [f"${subject} << END", *(f"{p['keys']} {p['ns'] / 1e6}" for p in own), "END"]
-        curves.append(f"${subject} with linespoints lw 2 pt {point} lc rgb '{colour}' title '{title}'")
+        curves.append(
+            f"${subject} with linespoints lw 2 pt {point} lc rgb '{colour}' title '{title}'"
+        )
     settings = SETTINGS.format(output=output)
     return "\n".join([TERMINALS[output.suffix], settings, *data, "plot " + ", ".join(curves), ""])
 

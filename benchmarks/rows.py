@@ -1,4 +1,4 @@
-"""What the benchmark measures: the rows of its table, and the summary's cost for more and more keys."""
+"""What the benchmark measures: the rows of its table, and the summary's cost as keys are added."""
 
 from __future__ import annotations
 
@@ -270,7 +270,7 @@ def _empty() -> host.Repository:
 
 
 def _floor() -> Any:
-    """An object with the operations' signatures, whose native methods do nothing; None if unbuilt."""
+    """An object whose native methods do nothing, with the operations' signatures; None if unbuilt."""
     sys.path.append(str(host.ROOT / "build" / "release" / "bench"))
     try:
         return importlib.import_module("health_floor").Floor()
