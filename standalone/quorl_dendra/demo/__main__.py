@@ -6,7 +6,6 @@ Exit status: 0 done, 1 it went wrong, 2 it could not begin (arguments, extension
 
 import argparse
 import contextlib
-import io
 import json
 import os
 import platform
@@ -27,8 +26,6 @@ def main() -> int:
     arguments = _parse()
     console = Console(quiet=arguments.json)
     try:
-        if isinstance(sys.stdout, io.TextIOWrapper):
-            sys.stdout.reconfigure(errors="replace")  # a stored text may hold any character
         return _run(arguments, console)
     except KeyboardInterrupt:
         signal.signal(signal.SIGINT, signal.SIG_IGN)  # a second one cannot spoil the end

@@ -12,8 +12,9 @@ _CLEAR_LINE = "\r\033[K"
 
 
 def printable(text: object) -> str:
-    """A stored text, fit for a terminal: no line breaks, no control characters."""
-    return "".join(character if character.isprintable() else "?" for character in str(text))
+    """A stored text, fit for standard output: no line breaks, no control characters."""
+    encodable = str(text).encode(sys.stdout.encoding, "replace").decode(sys.stdout.encoding)
+    return "".join(character if character.isprintable() else "?" for character in encodable)
 
 
 class Console:
