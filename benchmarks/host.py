@@ -7,6 +7,7 @@ names from; both then see the same objects. So it is imported before either of t
 from __future__ import annotations
 
 import importlib
+import os
 import sys
 from collections.abc import Iterable, Sequence
 from dataclasses import dataclass, field
@@ -14,8 +15,9 @@ from pathlib import Path
 from types import ModuleType
 from typing import Any
 
-ROOT = Path(__file__).resolve().parent.parent
-PACKAGE = ROOT / "build" / "release" / "package"
+_ROOT = Path(__file__).resolve().parent.parent
+# The build that is looked at: that of the interpreter's start script, or else the release.
+BUILD = Path(os.environ.get("HEALTH_BUILD_DIR", _ROOT / "build" / "release"))
 
 
 @dataclass
@@ -100,15 +102,12 @@ class Repository:
         self.db = db
 
 
-def extension(package: Path = PACKAGE) -> Any:
-    """The extension built into ``package``; exits with a message when there is none."""
-    sys.modules["quorl_dendra.tool_handlers"].__path__ = [
-        str(package / "quorl_dendra" / "tool_handlers")
-    ]
+def extension() -> Any:
+    """The built extension; exits with a message when there is none."""
     try:
         return importlib.import_module("quorl_dendra.tool_handlers.health")
     except ModuleNotFoundError as error:
-        sys.exit(f"{Path(sys.argv[0]).name}: the extension is not built ({error}); run: make build")
+        sys.exit(f"{Path(sys.argv[0]).name}: no extension in {BUILD} ({error}); run: make build")
 
 
 def _stand_in(name: str, **names: Any) -> None:
@@ -116,8 +115,9 @@ def _stand_in(name: str, **names: Any) -> None:
     vars(module).update(names)
 
 
-for _package in ("", ".tool_handlers", ".utils"):
-    _stand_in(_package, __path__=[])
+_stand_in("", __path__=[])
+_stand_in(".tool_handlers", __path__=[str(BUILD / "package" / "quorl_dendra" / "tool_handlers")])
+_stand_in(".utils", __path__=[])
 _stand_in(".config", ToolsConfig=ToolsConfig)
 _stand_in(".tool_registry", TOOLS=TOOLS)
 _stand_in(".tool_schemas", is_slow_call=is_slow_call)

@@ -17,6 +17,7 @@ LINES = (
 )
 
 SETTINGS = """
+set terminal {terminal} background rgb 'white' enhanced
 set output '{output}'
 set border 3 lc rgb '#555555'
 set tics nomirror scale 0.6 textcolor rgb '#333333'
@@ -30,10 +31,7 @@ set ylabel "time of one summary, ms" textcolor rgb '#333333'
 set key bottom right reverse Left textcolor rgb '#222222'
 """
 
-TERMINALS = {
-    ".svg": "set terminal svg size 760,480 font 'Helvetica,14' background rgb 'white' enhanced",
-    ".png": "set terminal pngcairo size 760,480 font 'Helvetica,12' background rgb 'white' enhanced",
-}
+TERMINALS = {".svg": "svg size 760,480 font ',14'", ".png": "pngcairo size 760,480 font ',12'"}
 
 
 def program(points: list[dict[str, Any]], output: Path) -> str:
@@ -48,8 +46,8 @@ def program(points: list[dict[str, Any]], output: Path) -> str:
         curves.append(
             f"${subject} with linespoints lw 2 pt {point} lc rgb '{colour}' title '{title}'"
         )
-    settings = SETTINGS.format(output=output)
-    return "\n".join([TERMINALS[output.suffix], settings, *data, "plot " + ", ".join(curves), ""])
+    settings = SETTINGS.format(terminal=TERMINALS[output.suffix], output=output)
+    return "\n".join([settings, *data, "plot " + ", ".join(curves), ""])
 
 
 def main() -> None:

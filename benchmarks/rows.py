@@ -270,8 +270,8 @@ def _empty() -> host.Repository:
 
 
 def _floor() -> Any:
-    """An object whose native methods do nothing, with the operations' signatures; None if unbuilt."""
-    sys.path.append(str(host.ROOT / "build" / "release" / "bench"))
+    """An object whose native methods only take the operations' arguments; None if unbuilt."""
+    sys.path.append(str(host.BUILD / "bench"))
     try:
         return importlib.import_module("health_floor").Floor()
     except ModuleNotFoundError:

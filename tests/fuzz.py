@@ -482,9 +482,8 @@ def main() -> None:
     )
     parser.add_argument("--steps", type=int, default=300, help="steps of an episode")
     parser.add_argument("--seconds", type=float, default=20, help="when no more episodes are begun")
-    parser.add_argument("--package", type=Path, default=host.PACKAGE, help="the built package")
     options = parser.parse_args()
-    subject = host.extension(options.package.resolve())
+    subject = host.extension()
     first = options.seed if options.seed is not None else random.SystemRandom().randrange(10**6)
     end = time.monotonic() + options.seconds
     for seed in itertools.count(first):
@@ -492,9 +491,8 @@ def main() -> None:
         if failure is not None:
             sys.exit(f"{failure}\nagain with: make fuzz SEED={seed}")
         if time.monotonic() >= end:
-            print(
-                f"seeds {first} to {seed}: {(seed - first + 1) * options.steps} steps, no difference"
-            )
+            done = (seed - first + 1) * options.steps
+            print(f"seeds {first} to {seed}: {done} steps, no difference")
             return
 
 
