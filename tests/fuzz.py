@@ -179,6 +179,7 @@ class Side(logging.Handler):
 
     def step(self, change: Callable[[Side], Any]) -> dict[str, str]:
         """Do one step; everything that can be seen of it, as text."""
+        undo = self._undo() if self.module is baseline else None
         self.db.calls.clear()
         self._warnings.clear()
         self._script.clock.reads = 0
@@ -186,6 +187,8 @@ class Side(logging.Handler):
             result = render(change(self))
         except BaseException as error:
             result = f"raised {render(error)}{' itself' if error is self.db.failure else ''}"
+            if undo is not None and not self.db.calls:
+                undo()
         tracker = self.tracker
         return {
             "result": result,
@@ -198,6 +201,23 @@ class Side(logging.Handler):
             "warnings": "\n".join(self._warnings),
             "clock reads": str(self._script.clock.reads),
         }
+
+    def _undo(self) -> Callable[[], None]:
+        """What takes a step back.
+
+        An operation that values of odd types bring to fail half-way leaves its first changes behind
+        in plain Python, and none in the module.
+        """
+        tracker = self.tracker
+        states = {name: dataclasses.replace(state) for name, state in tracker._state.items()}
+        usage = {key: dataclasses.replace(counts) for key, counts in tracker._usage.items()}
+        dirty, usage_dirty = set(tracker._dirty), tracker._usage_dirty
+
+        def undo() -> None:
+            tracker._state, tracker._usage = states, usage
+            tracker._dirty, tracker._usage_dirty = dirty, usage_dirty
+
+        return undo
 
 
 def render(value: Any) -> str:
