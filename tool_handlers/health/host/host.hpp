@@ -1,0 +1,68 @@
+// What one import of the module works with: its interned names, its record types, its namespace, and what it
+// keeps of the runtime. One `Host` per module object; every operation is given it.
+//
+// Names that belong to the daemon (`TOOLS`, `is_slow_call`, ...) and the module's own helpers are read from the
+// namespace at each use, so that whoever replaces one of them is heard.
+#pragma once
+
+#include <Python.h>
+
+#include "health/host/clock.hpp"
+#include "health/python/lock.hpp"
+#include "health/python/object.hpp"
+#include "health/records/names.hpp"
+#include "health/records/record.hpp"
+
+namespace health {
+
+/// The module's own functions as they were bound: while the namespace still holds one, it is called natively.
+struct OwnFunctions {
+    PyObject* sqlite_time;
+    PyObject* epoch;
+    PyObject* known;
+    PyObject* usage_rows;
+};
+
+struct Host {
+    Names names{};
+    RecordTypes records{};
+    py::LockMethods locks;
+    Clock clock;
+    OwnFunctions own{};
+    /// The module's namespace.
+    PyObject* globals = nullptr;
+    /// `(False, None)`, the answer for a tool that may be called.
+    PyObject* enabled_answer = nullptr;
+
+    /// The value of a name in the module's namespace, as it is now. Runs no Python code; throws a NameError.
+    [[nodiscard]] py::Ref get(Name name) const;
+    /// Whether `name` still leads to the module's own function, so that calling it natively is the same.
+    [[nodiscard]] bool is_own(Name name, PyObject* function) const;
+
+    [[nodiscard]] ToolStateView tool_state(PyObject* object) const { return {names, records.tool_state, object}; }
+    [[nodiscard]] UsageView usage(PyObject* object) const { return {names, records.usage, object}; }
+
+    int traverse(visitproc visit, void* arg) const;
+    void clear();
+};
+
+/// Writes a warning to the module's logger: `format` has one `%s`, which takes `error`. Runs Python code, may block.
+void warn(const Host& host, const char* format, PyObject* error);
+
+/// `_ToolState()`, of the type that the namespace holds. Runs Python code only if that type was replaced.
+py::Ref make_tool_state(const Host& host);
+
+/// A seeded `_ToolState`: all fields but `consecutive_errors`, by name. As above.
+py::Ref make_tool_state(const Host& host, PyObject* call_count, PyObject* error_count, PyObject* last_error,
+                        PyObject* disabled_at, PyObject* updated_at);
+
+/// `_Usage()`. As above.
+py::Ref make_usage(const Host& host);
+
+/// `_Usage(calls, timed_calls, total_ms)`. As above.
+py::Ref make_usage(const Host& host, PyObject* calls, PyObject* timed_calls, PyObject* total_ms);
+
+/// `is_slow_call(tool, action)`, the host's answer as it stands. Runs Python code.
+py::Ref is_slow_call(const Host& host, PyObject* tool, PyObject* action);
+
+}  // namespace health

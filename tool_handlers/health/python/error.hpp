@@ -1,0 +1,46 @@
+// Errors of the runtime as C++ exceptions, and the frontier where they turn back.
+//
+// A failed call of the C API has set the runtime's error; `PythonError` says so and carries nothing.
+// It is thrown by `check`, `Ref::steal` and `raise`, and caught by `to_runtime`, once per entry
+// from the runtime. Only named types are ever caught: a daemon thread that asks for the GIL of a finalising
+// interpreter is unwound by force, and `catch (...)` would abort the process.
+#pragma once
+
+#include <Python.h>
+
+#include <new>
+#include <utility>
+
+namespace health::py {
+
+/// The runtime's error indicator is set.
+struct PythonError {};
+
+[[noreturn]] inline void throw_current() {
+    throw PythonError{};
+}
+
+/// Sets an error of `type` with a text made as `PyErr_Format` makes it, and throws.
+[[noreturn]] void raise(PyObject* type, const char* format, ...);
+
+/// Passes on a status of the C API; throws when it is negative.
+inline int check(int status) {
+    if (status < 0) {
+        throw_current();
+    }
+    return status;
+}
+
+/// Runs `body` (which returns a `Ref`) for the runtime: a new reference, or NULL with the error set.
+template <class Body>
+PyObject* to_runtime(Body&& body) {
+    try {
+        return std::forward<Body>(body)().release();
+    } catch (const PythonError&) {
+        return nullptr;
+    } catch (const std::bad_alloc&) {
+        return PyErr_NoMemory();
+    }
+}
+
+}  // namespace health::py

@@ -1,0 +1,87 @@
+#include "health/python/lock.hpp"
+
+#include "health/python/object.hpp"
+
+namespace health::py {
+
+LockMethods::LockMethods(PyObject* lock_type) {
+    const Ref locked = get_attribute(lock_type, "locked");
+    if (!PyType_Check(lock_type) || !Py_IS_TYPE(locked.get(), &PyMethodDescr_Type)) {
+        raise(PyExc_TypeError, "threading.Lock must make native locks");
+    }
+    const PyMethodDef& method = *reinterpret_cast<PyMethodDescrObject*>(locked.get())->d_method;
+    if (method.ml_flags != METH_NOARGS) {
+        raise(PyExc_TypeError, "threading.Lock must make native locks");
+    }
+    Ref acquire = get_attribute(lock_type, "acquire");
+    release_ = get_attribute(lock_type, "release").release();
+    acquire_ = acquire.release();
+    type_ = Py_NewRef(lock_type);
+    locked_ = method.ml_meth;
+}
+
+void LockMethods::acquire(PyObject* lock) const {
+    const Ref done = Ref::steal(PyObject_CallOneArg(acquire_, lock));
+}
+
+void LockMethods::release(PyObject* lock) const {
+    const Ref done = Ref::steal(PyObject_CallOneArg(release_, lock));
+}
+
+int LockMethods::traverse(visitproc visit, void* arg) const {
+    Py_VISIT(type_);
+    Py_VISIT(acquire_);
+    Py_VISIT(release_);
+    return 0;
+}
+
+void LockMethods::clear() {
+    Py_CLEAR(type_);
+    Py_CLEAR(acquire_);
+    Py_CLEAR(release_);
+}
+
+LockGuard::LockGuard(const LockMethods& methods, PyObject* lock, bool quiet) : methods_(methods) {
+    const bool look_is_enough = quiet && methods.is_native(lock) && !methods.is_held(lock);
+    if (!look_is_enough) {
+        lock_ = Ref::borrow(lock);
+        take();
+    }
+}
+
+LockGuard::~LockGuard() {
+    if (!lock_ || abandoned_ || !is_attached()) {
+        return;
+    }
+    PyObject* error = PyErr_GetRaisedException();
+    try {
+        leave();
+    } catch (const PythonError&) {
+        PyErr_WriteUnraisable(lock_.get());
+    }
+    PyErr_SetRaisedException(error);
+}
+
+void LockGuard::take() {
+    if (!methods_.is_native(lock_.get())) {
+        call_method(reinterpret_cast<PyObject*>(Py_TYPE(lock_.get())), text("__enter__").get(), lock_.get());
+        return;
+    }
+    // Once the interpreter finalises, the other threads have ended wherever they were: a held lock stays held,
+    // and this last thread is alone without it.
+    abandoned_ = _Py_IsFinalizing() != 0 && methods_.is_held(lock_.get());
+    if (!abandoned_) {
+        methods_.acquire(lock_.get());
+    }
+}
+
+void LockGuard::leave() {
+    if (methods_.is_native(lock_.get())) {
+        methods_.release(lock_.get());
+    } else {
+        call_method(reinterpret_cast<PyObject*>(Py_TYPE(lock_.get())), text("__exit__").get(), lock_.get(), Py_None,
+                    Py_None, Py_None);
+    }
+}
+
+}  // namespace health::py

@@ -1,0 +1,78 @@
+// Attribute, item and call access that throws.
+//
+// Everything here may run Python code and so release the GIL, but for what says otherwise.
+#pragma once
+
+#include <Python.h>
+
+#include <array>
+
+#include "health/python/error.hpp"
+#include "health/python/ref.hpp"
+
+namespace health::py {
+
+inline Ref get_attribute(PyObject* object, PyObject* name) {
+    return Ref::steal(PyObject_GetAttr(object, name));
+}
+
+/// The attribute if reading it can run no Python code; else empty, with no error set.
+Ref get_plain_attribute(PyObject* object, PyObject* name);
+
+inline Ref get_item(PyObject* container, PyObject* key) {
+    return Ref::steal(PyObject_GetItem(container, key));
+}
+
+/// `sequence[0]` of any object that can be indexed by position.
+Ref first_item(PyObject* sequence);
+
+inline bool is_true(PyObject* object) {
+    return check(PyObject_IsTrue(object)) != 0;
+}
+
+inline bool compares(PyObject* left, PyObject* right, int operation) {
+    return is_true(Ref::steal(PyObject_RichCompare(left, right, operation)).get());
+}
+
+/// Calls with `count` positional arguments from `arguments`, whose slot before the first may be written to.
+/// Guards the C stack: the callee may be native and call back here without a Python frame in between.
+Ref call_vector(PyObject* callable, PyObject* const* arguments, std::size_t count, PyObject* keywords = nullptr);
+
+template <class... Arguments>
+Ref call(PyObject* callable, Arguments... arguments) {
+    std::array<PyObject*, sizeof...(arguments) + 1> stack{nullptr, arguments...};
+    return call_vector(callable, stack.data() + 1, sizeof...(arguments));
+}
+
+template <class... Arguments>
+Ref call_method(PyObject* object, PyObject* name, Arguments... arguments) {
+    return call(get_attribute(object, name).get(), arguments...);
+}
+
+/// A new text that holds `value`.
+inline Ref text(const char* value) {
+    return Ref::steal(PyUnicode_FromString(value));
+}
+
+/// The only attribute access by a C string: for set-up, where no interned name is kept.
+inline Ref get_attribute(PyObject* object, const char* name) {
+    return Ref::steal(PyObject_GetAttrString(object, name));
+}
+
+template <class... Items>
+Ref make_tuple(Items... items) {
+    return Ref::steal(PyTuple_Pack(sizeof...(items), items...));
+}
+
+/// The members of an iterable of exactly as many as `items` holds, as an unpacking assignment takes them,
+/// with its errors.
+void unpack(PyObject* iterable, Ref* items, Py_ssize_t count);
+
+template <std::size_t Count>
+std::array<Ref, Count> unpack(PyObject* iterable) {
+    std::array<Ref, Count> items;
+    unpack(iterable, items.data(), Count);
+    return items;
+}
+
+}  // namespace health::py

@@ -1,0 +1,25 @@
+#include "health/records/names.hpp"
+
+#include "health/python/object.hpp"
+
+namespace health {
+
+void Names::intern() {
+    static constexpr std::array spellings{
+#define HEALTH_SPELLING(name) #name,
+        HEALTH_NAMES(HEALTH_SPELLING)
+#undef HEALTH_SPELLING
+    };
+    static_assert(spellings.size() == count);
+    for (std::size_t index = 0; index < count; ++index) {
+        texts_[index] = py::Ref::steal(PyUnicode_InternFromString(spellings[index])).release();
+    }
+}
+
+void Names::clear() {
+    for (PyObject*& name : texts_) {
+        Py_CLEAR(name);
+    }
+}
+
+}  // namespace health

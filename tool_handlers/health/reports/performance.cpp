@@ -1,0 +1,43 @@
+// The performance statistics of the tools, as the timing collector measured them.
+#include "health/reports/reports.hpp"
+
+namespace health {
+
+using py::Ref;
+
+namespace {
+
+constexpr std::array figures{Name::name,   Name::count,  Name::avg_ms, Name::p95_ms,
+                             Name::min_ms, Name::max_ms, Name::errors};
+
+Ref collect(const Host& host) {
+    const Ref collector = py::call(host.get(Name::get_timing_collector).get());
+    return py::call_method(collector.get(), host.names[Name::get_all_stats]);
+}
+
+Ref make_entry(const Host& host, PyObject* element) {
+    Ref entry = Ref::steal(PyDict_New());
+    for (const Name figure : figures) {
+        PyObject* key = host.names[figure];
+        py::check(PyDict_SetItem(entry.get(), key, py::get_item(element, key).get()));
+    }
+    return entry;
+}
+
+}  // namespace
+
+Ref performance_report(const Host& host) {
+    const Ref iterator = Ref::steal(PyObject_GetIter(collect(host).get()));
+    const Ref entries = Ref::steal(PyList_New(0));
+    while (const Ref element = Ref::steal_optional(PyIter_Next(iterator.get()))) {
+        py::check(PyList_Append(entries.get(), make_entry(host, element.get()).get()));
+    }
+    if (PyErr_Occurred() != nullptr) {
+        py::throw_current();
+    }
+    Ref report = Ref::steal(PyDict_New());
+    py::check(PyDict_SetItem(report.get(), host.names[Name::tools], entries.get()));
+    return report;
+}
+
+}  // namespace health

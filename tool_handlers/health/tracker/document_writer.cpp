@@ -1,0 +1,180 @@
+#include "health/tracker/document_writer.hpp"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cmath>
+#include <memory>
+
+#include "health/python/numbers.hpp"
+#include "health/tracker/usage_entries.hpp"
+
+namespace health {
+
+using py::Ref;
+
+namespace {
+
+constexpr int total_decimals = 3;
+constexpr std::size_t typical_entry = 128;  // characters
+
+std::string_view ascii_of(PyObject* text) {
+    return {static_cast<const char*>(PyUnicode_DATA(text)), static_cast<std::size_t>(PyUnicode_GET_LENGTH(text))};
+}
+
+/// Whether a text stands in JSON as it is, between quotes.
+bool needs_no_escape(PyObject* text) {
+    return PyUnicode_IS_COMPACT_ASCII(text) && std::ranges::all_of(ascii_of(text), [](char character) {
+               return character >= ' ' && character <= '~' && character != '"' && character != '\\';
+           });
+}
+
+/// `round(value, 3)`.
+Ref round_by_runtime(PyObject* value) {
+    const Ref builtins = Ref::steal(PyImport_ImportModule("builtins"));
+    const Ref digits = Ref::steal(PyLong_FromLong(total_decimals));
+    return py::call(py::get_attribute(builtins.get(), "round").get(), value, digits.get());
+}
+
+struct FreeText {
+    void operator()(char* text) const { PyMem_Free(text); }
+};
+
+}  // namespace
+
+Ref DocumentWriter::write(const py::Vector<DocumentEntry>& entries) {
+    out_.reserve(entries.size() * typical_entry + 2);
+    out_ += '[';
+    for (const DocumentEntry& entry : entries) {
+        if (out_.size() > 1) {
+            out_ += ',';
+        }
+        add_entry(entry);
+    }
+    out_ += ']';
+    return Ref::steal(PyUnicode_FromStringAndSize(out_.data(), static_cast<Py_ssize_t>(out_.size())));
+}
+
+void DocumentWriter::add_entry(const DocumentEntry& entry) {
+    const UsageKey key = take_apart(entry.key.get());
+    out_ += '{';
+    add_member("tool", key.tool.get());
+    out_ += ',';
+    add_member("action", key.action.get());
+    out_ += ',';
+    add_member("outcome", key.outcome.get());
+    out_ += ',';
+    add_member("alias_hit", key.alias_hit.get());
+    out_ += ',';
+    add_member("calls", entry.calls.get());
+    out_ += ',';
+    add_member("timed_calls", entry.timed_calls.get());
+    out_ += R"(,"total_ms":)";
+    add_total(entry.total_ms.get());
+    out_ += '}';
+}
+
+void DocumentWriter::add_member(std::string_view name, PyObject* value) {
+    out_ += '"';
+    out_ += name;
+    out_ += R"(":)";
+    add_value(value);
+}
+
+void DocumentWriter::add_total(PyObject* total_ms) {
+    if (PyFloat_CheckExact(total_ms)) {
+        add_rounded(PyFloat_AS_DOUBLE(total_ms));
+    } else {
+        add_value(round_by_runtime(total_ms).get());
+    }
+}
+
+void DocumentWriter::add_value(PyObject* value) {
+    if (PyUnicode_CheckExact(value)) {
+        add_text(value);
+    } else if (PyLong_CheckExact(value)) {
+        add_integer(value);
+    } else if (PyFloat_CheckExact(value)) {
+        add_float(PyFloat_AS_DOUBLE(value));
+    } else if (value == Py_None) {
+        out_ += "null";
+    } else if (PyBool_Check(value)) {
+        out_ += value == Py_True ? "true" : "false";
+    } else {
+        add_by_runtime(value);
+    }
+}
+
+void DocumentWriter::add_text(PyObject* value) {
+    if (needs_no_escape(value)) {
+        out_ += '"';
+        out_ += ascii_of(value);
+        out_ += '"';
+        return;
+    }
+    if (!escape_) {
+        const Ref encoder = py::get_attribute(host_.get(Name::json).get(), host_.names[Name::encoder]);
+        escape_ = py::get_attribute(encoder.get(), host_.names[Name::encode_basestring_ascii]);
+    }
+    add_characters(py::call(escape_.get(), value).get());
+}
+
+void DocumentWriter::add_integer(PyObject* value) {
+    int overflow = 0;
+    const long number = PyLong_AsLongAndOverflow(value, &overflow);
+    if (overflow != 0) {
+        add_characters(Ref::steal(PyObject_Repr(value)).get());
+        return;
+    }
+    std::array<char, 24> digits;
+    out_.append(digits.data(), std::to_chars(digits.begin(), digits.end(), number).ptr);
+}
+
+/// The shortest text that reads back to the same double, as `float.__repr__` and the encoder write it.
+void DocumentWriter::add_float(double value) {
+    if (!std::isfinite(value)) {
+        out_ += std::isnan(value) ? "NaN" : value > 0 ? "Infinity" : "-Infinity";
+        return;
+    }
+    const std::unique_ptr<char, FreeText> text(PyOS_double_to_string(value, 'r', 0, Py_DTSF_ADD_DOT_0, nullptr));
+    if (!text) {
+        py::throw_current();
+    }
+    out_ += text.get();
+}
+
+/// The float that `value` is when rounded to three decimals. Below 1e11 its digits are few enough to be its shortest
+/// text too: all that differs is that zeros at the end are left out.
+void DocumentWriter::add_rounded(double value) {
+    constexpr double few_digits = 1e11;
+    if (!(std::fabs(value) < few_digits)) {
+        add_float(py::round_to(value, total_decimals));
+        return;
+    }
+    std::array<char, 24> digits;
+    const char* end = std::to_chars(digits.begin(), digits.end(), value, std::chars_format::fixed, total_decimals).ptr;
+    while (end[-1] == '0' && end[-2] != '.') {
+        --end;
+    }
+    out_ += std::string_view(digits.data(), static_cast<std::size_t>(end - digits.data()));
+}
+
+/// `json.dumps(value, separators=(",", ":"))`.
+void DocumentWriter::add_by_runtime(PyObject* value) {
+    const Ref dumps = py::get_attribute(host_.get(Name::json).get(), host_.names[Name::dumps]);
+    const Ref keywords = py::make_tuple(host_.names[Name::separators]);
+    const Ref separators = py::make_tuple(py::text(",").get(), py::text(":").get());
+    std::array<PyObject*, 3> arguments{nullptr, value, separators.get()};
+    add_characters(py::call_vector(dumps.get(), arguments.data() + 1, 1, keywords.get()).get());
+}
+
+void DocumentWriter::add_characters(PyObject* text) {
+    Py_ssize_t size = 0;
+    const char* characters = PyUnicode_AsUTF8AndSize(text, &size);
+    if (characters == nullptr) {
+        py::throw_current();
+    }
+    out_.append(characters, static_cast<std::size_t>(size));
+}
+
+}  // namespace health

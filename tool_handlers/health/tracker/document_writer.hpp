@@ -1,0 +1,48 @@
+// The text of the usage document: a compact JSON array, written as the runtime's encoder would write it.
+//
+// Plain values are written here; all others, and texts that need escapes, by the runtime's own `json`, which may run
+// Python code and raises what it raises.
+#pragma once
+
+#include <Python.h>
+
+#include <string_view>
+
+#include "health/host/host.hpp"
+#include "health/python/memory.hpp"
+
+namespace health {
+
+/// One entry of the document: a usage key with its counts, as they were under the lock.
+struct DocumentEntry {
+    py::Ref key;
+    py::Ref calls;
+    py::Ref timed_calls;
+    py::Ref total_ms;
+};
+
+class DocumentWriter {
+public:
+    explicit DocumentWriter(const Host& host) : host_(host) {}
+
+    /// The document of these entries, as a str.
+    py::Ref write(const py::Vector<DocumentEntry>& entries);
+
+private:
+    void add_entry(const DocumentEntry& entry);
+    void add_member(std::string_view name, PyObject* value);
+    void add_total(PyObject* total_ms);
+    void add_value(PyObject* value);
+    void add_text(PyObject* value);
+    void add_integer(PyObject* value);
+    void add_float(double value);
+    void add_rounded(double value);
+    void add_by_runtime(PyObject* value);
+    void add_characters(PyObject* text);
+
+    const Host& host_;
+    py::Text out_;
+    py::Ref escape_;  // `json.encoder.encode_basestring_ascii`, once it is needed
+};
+
+}  // namespace health

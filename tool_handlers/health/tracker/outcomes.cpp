@@ -1,0 +1,172 @@
+// Recording outcomes, and the disable rule: a tool that fails too many calls in a row is disabled and is tried again
+// after a cooldown.
+#include "health/host/settings.hpp"
+#include "health/python/dict.hpp"
+#include "health/python/numbers.hpp"
+#include "health/tracker/consistency.hpp"
+#include "health/tracker/marks.hpp"
+#include "health/tracker/tracker.hpp"
+#include "health/tracker/update.hpp"
+
+namespace health {
+
+using py::Ref;
+
+namespace {
+
+using StateUpdate = Update<ToolStateFields>;
+using enum ToolStateFields::Field;
+
+constexpr Py_ssize_t longest_error = 500;  // characters of an error's text that are kept
+
+Ref zero() {
+    return Ref::steal(PyLong_FromLong(0));
+}
+
+bool has_plain_counts(const ToolStateView& state) {
+    for (const auto field : {call_count, error_count, consecutive_errors}) {
+        PyObject* count = state.peek(field);
+        if (count == nullptr || !PyLong_CheckExact(count)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+/// The record of a tool if an outcome of it can be recorded in a quiet section, else nullptr: the tool is known and
+/// marked, and neither its counts nor the clock can run Python code. Borrowed, and good until anything runs Python
+/// code. What might do so itself is asked first.
+PyObject* find_quietly(const Tracker& tracker, Host& host, PyObject* tool_name) {
+    if (!PyUnicode_CheckExact(tool_name) || !is_marked(tracker, tool_name) ||
+        !host.clock.is_quiet(host.names, host.globals)) {
+        return nullptr;
+    }
+    PyObject* record = tracker.known_states.find(tracker.state, {tool_name});
+    return record != nullptr && has_plain_counts(host.tool_state(record)) ? record : nullptr;
+}
+
+/// Begins an update of the tool's record, or of a new one. The lock is held.
+void begin(StateUpdate& update, Tracker& tracker, const Host& host, PyObject* tool_name) {
+    const Ref states = hold_state(tracker);
+    tracker.known_states.notice_miss(states.get(), host.records.tool_state.get());
+    PyObject* found = py::find(states.get(), tool_name);
+    update.begin(found == nullptr ? make_tool_state(host) : Ref::borrow(found), found == nullptr);
+}
+
+/// Marks the tool, where it is not marked yet, and lets the update take effect. The mark comes first, for it is what
+/// can fail.
+void finish(StateUpdate& update, Tracker& tracker, const Host& host, PyObject* tool_name, bool is_marked) {
+    if (!is_marked) {
+        mark(tracker, tool_name);
+    }
+    update.apply(host.tool_state(update.record()));
+    if (update.is_new()) {
+        tracker.known_states.insert(hold_state(tracker).get(), tool_name, update.record());
+    }
+}
+
+/// The text that is kept of an error: its first 500 characters, empty for an absent one.
+Ref shorten(PyObject* error) {
+    if (PyUnicode_CheckExact(error) && PyUnicode_GET_LENGTH(error) <= longest_error) {
+        return Ref::borrow(error);
+    }
+    if (!py::is_true(error)) {
+        return Ref::steal(PyUnicode_New(0, 0));
+    }
+    return PyUnicode_Check(error) ? Ref::steal(PyUnicode_Substring(error, 0, longest_error))
+                                  : Ref::steal(PySequence_GetSlice(error, 0, longest_error));
+}
+
+/// Whether the cooldown of a tool disabled at `disabled_at` is over. May run Python code; the lock is held.
+bool is_cooldown_over(Tracker& tracker, const Host& host, PyObject* now, PyObject* disabled_at) {
+    const Ref elapsed = Ref::steal(PyNumber_Subtract(now, disabled_at));
+    const Ref cooldown = py::get_attribute(tracker.object(), host.names[Name::cooldown_s]);
+    return py::compares(elapsed.get(), cooldown.get(), Py_GE);
+}
+
+}  // namespace
+
+void record_success(Tracker& tracker, Host& host, PyObject* tool_name) {
+    StateUpdate update;
+    PyObject* known = find_quietly(tracker, host, tool_name);
+    const py::LockGuard guard(host.locks, require(tracker.lock, "_lock"), known != nullptr);
+    if (guard.only_looked()) {
+        update.begin(Ref::borrow(known), false);
+    } else {
+        begin(update, tracker, host, tool_name);
+    }
+    const ToolStateView state = host.tool_state(update.record());
+    update.set(call_count, py::plus_one(state.get(call_count).get()));
+    update.set(consecutive_errors, zero());
+    update.set(disabled_at, py::none());
+    update.set(updated_at, host.clock.read(host.names, host.globals));
+    finish(update, tracker, host, tool_name, guard.only_looked());
+    assert_consistent(tracker);
+}
+
+void record_error(Tracker& tracker, Host& host, PyObject* tool_name, PyObject* error) {
+    StateUpdate update;
+    Ref threshold = disable_after_errors_quietly(host, require(tracker.limits, "_limits"));
+    const bool is_plain_error = PyUnicode_CheckExact(error) || error == Py_None;
+    PyObject* known = threshold && is_plain_error ? find_quietly(tracker, host, tool_name) : nullptr;
+    const py::LockGuard guard(host.locks, require(tracker.lock, "_lock"), known != nullptr);
+    if (guard.only_looked()) {
+        update.begin(Ref::borrow(known), false);
+    } else {
+        begin(update, tracker, host, tool_name);
+    }
+    const ToolStateView state = host.tool_state(update.record());
+    update.set(call_count, py::plus_one(state.get(call_count).get()));
+    update.set(error_count, py::plus_one(state.get(error_count).get()));
+    Ref run = py::plus_one(state.get(consecutive_errors).get());
+    update.set(last_error, shorten(error));
+    const Ref now = host.clock.read(host.names, host.globals);
+    if (!guard.only_looked()) {
+        threshold = disable_after_errors(host, require(tracker.limits, "_limits"));
+    }
+    if (py::compares(run.get(), threshold.get(), Py_GE)) {
+        update.set(disabled_at, Ref::borrow(now.get()));
+    }
+    update.set(updated_at, Ref::borrow(now.get()));
+    update.set(consecutive_errors, std::move(run));
+    finish(update, tracker, host, tool_name, guard.only_looked());
+    assert_consistent(tracker);
+}
+
+Ref is_disabled(Tracker& tracker, Host& host, PyObject* tool_name) {
+    StateUpdate update;
+    PyObject* known = tracker.known_states.find(tracker.state, {tool_name});
+    const bool is_enabled = known != nullptr && host.tool_state(known).peek(disabled_at) == Py_None;
+    const py::LockGuard guard(host.locks, require(tracker.lock, "_lock"), is_enabled);
+    if (guard.only_looked()) {
+        return Ref::borrow(host.enabled_answer);
+    }
+    const Ref states = hold_state(tracker);
+    tracker.known_states.notice_miss(states.get(), host.records.tool_state.get());
+    PyObject* found = py::find(states.get(), tool_name);
+    if (found == nullptr) {
+        return Ref::borrow(host.enabled_answer);
+    }
+    update.begin(Ref::borrow(found), false);
+    const ToolStateView state = host.tool_state(found);
+    const Ref since = state.get(disabled_at);
+    if (since.get() == Py_None) {
+        return Ref::borrow(host.enabled_answer);
+    }
+    const Ref now = host.clock.read(host.names, host.globals);
+    if (!is_cooldown_over(tracker, host, now.get(), since.get())) {
+        return py::make_tuple(Py_True, state.get(last_error).get());
+    }
+    update.set(consecutive_errors, zero());
+    update.set(disabled_at, py::none());
+    update.set(updated_at, Ref::borrow(now.get()));
+    finish(update, tracker, host, tool_name, false);
+    assert_consistent(tracker);
+    return Ref::borrow(host.enabled_answer);
+}
+
+Ref cooldown_s(const Tracker& tracker, const Host& host) {
+    return disable_cooldown_s(host, require(tracker.limits, "_limits"));
+}
+
+}  // namespace health

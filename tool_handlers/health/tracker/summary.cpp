@@ -1,0 +1,315 @@
+// The health summary: every tool with its counts, the worst first, and its usage rows, most calls first.
+//
+// The usage counts are walked over once and sorted into their tools on the way, so the work grows with the number of
+// tools plus the number of usage keys.
+#include "health/host/times.hpp"
+#include "health/python/dict.hpp"
+#include "health/python/numbers.hpp"
+#include "health/tracker/ordering.hpp"
+#include "health/tracker/tracker.hpp"
+#include "health/tracker/usage_entries.hpp"
+
+namespace health {
+
+using py::Ref;
+
+namespace {
+
+constexpr int average_decimals = 2;
+
+/// A usage key with the counts that its row shows.
+struct UsageLine {
+    Ref action;
+    Ref outcome;
+    Ref alias_hit;
+    Ref calls;
+    Ref timed_calls;
+    Ref total_ms;
+};
+
+using Lines = py::Vector<UsageLine>;
+
+/// A tool as the summary lists it.
+struct Listed {
+    Ref name;
+    Ref state;
+    Lines lines;
+};
+
+Ref minus(PyObject* number) {
+    return Ref::steal(PyNumber_Negative(number));
+}
+
+/// Reads a number that a native key can hold; false for any other.
+bool read_plain(PyObject* number, long& value) {
+    int overflow = 1;
+    if (PyLong_CheckExact(number)) {
+        value = PyLong_AsLongAndOverflow(number, &overflow);
+    }
+    return overflow == 0;
+}
+
+// Usage rows.
+
+UsageLine read_line(const Host& host, UsageKey key, PyObject* record) {
+    const UsageView usage = host.usage(record);
+    return {.action = std::move(key.action),
+            .outcome = std::move(key.outcome),
+            .alias_hit = std::move(key.alias_hit),
+            .calls = usage.get(UsageFields::calls),
+            .timed_calls = usage.get(UsageFields::timed_calls),
+            .total_ms = usage.get(UsageFields::total_ms)};
+}
+
+/// `round(total / timed, 2)`.
+Ref average_by_runtime(PyObject* total_ms, PyObject* timed_calls) {
+    const Ref quotient = Ref::steal(PyNumber_TrueDivide(total_ms, timed_calls));
+    const Ref builtins = Ref::steal(PyImport_ImportModule("builtins"));
+    const Ref digits = Ref::steal(PyLong_FromLong(average_decimals));
+    return py::call(py::get_attribute(builtins.get(), "round").get(), quotient.get(), digits.get());
+}
+
+/// The mean time of a handler in milliseconds, None where none was timed.
+Ref average(const UsageLine& line) {
+    constexpr long exact_in_double = 1L << 53;
+    if (!py::is_true(line.timed_calls.get())) {
+        return py::none();
+    }
+    long timed = 0;
+    if (PyFloat_CheckExact(line.total_ms.get()) && read_plain(line.timed_calls.get(), timed) && timed > 0 &&
+        timed < exact_in_double) {
+        const double quotient = PyFloat_AS_DOUBLE(line.total_ms.get()) / static_cast<double>(timed);
+        return Ref::steal(PyFloat_FromDouble(py::round_to(quotient, average_decimals)));
+    }
+    return average_by_runtime(line.total_ms.get(), line.timed_calls.get());
+}
+
+void put(const Host& host, PyObject* mapping, Name name, PyObject* value) {
+    py::check(PyDict_SetItem(mapping, host.names[name], value));
+}
+
+Ref make_row(const Host& host, PyObject* tool_name, const UsageLine& line) {
+    Ref row = Ref::steal(PyDict_New());
+    put(host, row.get(), Name::action, line.action.get());
+    put(host, row.get(), Name::outcome, line.outcome.get());
+    put(host, row.get(), Name::alias_hit, line.alias_hit.get());
+    put(host, row.get(), Name::calls, line.calls.get());
+    put(host, row.get(), Name::avg_ms, average(line).get());
+    put(host, row.get(), Name::slow, is_slow_call(host, tool_name, line.action.get()).get());
+    return row;
+}
+
+/// How a row of plain values sorts: most calls first, then by action (None as its text), outcome and synonym use.
+struct RowKey {
+    long calls;
+    PyObject* action;  // borrowed, as is the outcome
+    PyObject* outcome;
+    bool alias_hit;
+    std::size_t position;
+
+    bool operator<(const RowKey& other) const {
+        if (calls != other.calls) {
+            return calls > other.calls;
+        }
+        if (const int order = PyUnicode_Compare(action, other.action); order != 0) {
+            return order < 0;
+        }
+        if (const int order = PyUnicode_Compare(outcome, other.outcome); order != 0) {
+            return order < 0;
+        }
+        return alias_hit != other.alias_hit ? other.alias_hit : position < other.position;
+    }
+};
+
+/// The keys of lines of plain values only; empty if any is not plain.
+py::Vector<RowKey> plain_row_keys(const Host& host, const Lines& lines) {
+    py::Vector<RowKey> keys;
+    keys.reserve(lines.size());
+    for (const UsageLine& line : lines) {
+        PyObject* action = line.action.get() == Py_None ? host.names[Name::None] : line.action.get();
+        RowKey key{.calls = 0,
+                   .action = action,
+                   .outcome = line.outcome.get(),
+                   .alias_hit = line.alias_hit.get() == Py_True,
+                   .position = keys.size()};
+        if (!PyUnicode_CheckExact(action) || !PyUnicode_CheckExact(key.outcome) ||
+            !PyBool_Check(line.alias_hit.get()) || !read_plain(line.calls.get(), key.calls)) {
+            return {};
+        }
+        keys.push_back(key);
+    }
+    return keys;
+}
+
+Order order_of_rows(const Host& host, const Lines& lines) {
+    py::Vector<RowKey> keys = plain_row_keys(host, lines);
+    if (keys.size() == lines.size()) {
+        return order_natively(std::move(keys));
+    }
+    return order_by_runtime(lines.size(), [&](std::size_t index) {
+        const UsageLine& line = lines[index];
+        const Ref action = Ref::steal(PyObject_Str(line.action.get()));
+        return py::make_tuple(minus(line.calls.get()).get(), action.get(), line.outcome.get(), line.alias_hit.get());
+    });
+}
+
+/// The rows of one tool in their order.
+Ref make_rows(const Host& host, PyObject* tool_name, const Lines& lines) {
+    py::Vector<Ref> rows;
+    rows.reserve(lines.size());
+    for (const UsageLine& line : lines) {
+        rows.push_back(make_row(host, tool_name, line));
+    }
+    const Order order = order_of_rows(host, lines);
+    Ref sorted = Ref::steal(PyList_New(static_cast<Py_ssize_t>(rows.size())));
+    for (std::size_t place = 0; place < order.size(); ++place) {
+        PyList_SET_ITEM(sorted.get(), static_cast<Py_ssize_t>(place), rows[order[place]].release());
+    }
+    return sorted;
+}
+
+// The tools.
+
+/// The tools of a summary: those that have a state, in their order, then those that have usage counts only.
+class Listing {
+public:
+    explicit Listing(const Host& host) : host_(host), places_(Ref::steal(PyDict_New())) {}
+
+    void add_states(PyObject* states);
+    /// Sorts the usage counts into their tools.
+    void add_usage(PyObject* usage);
+
+    [[nodiscard]] const py::Vector<Listed>& tools() const { return tools_; }
+    /// The places of the tools, the worst first.
+    [[nodiscard]] Order worst_first() const;
+
+private:
+    Listed& place_of(PyObject* name);
+    Listed& append(PyObject* name, Ref state);
+
+    const Host& host_;
+    Ref places_;  // tool name to its index in `tools_`
+    py::Vector<Listed> tools_;
+};
+
+Listed& Listing::append(PyObject* name, Ref state) {
+    const Ref place = Ref::steal(PyLong_FromSize_t(tools_.size()));
+    py::check(PyDict_SetItem(places_.get(), name, place.get()));
+    tools_.push_back({.name = Ref::borrow(name), .state = std::move(state), .lines = {}});
+    return tools_.back();
+}
+
+void Listing::add_states(PyObject* states) {
+    for (UsageEntry& entry : list_entries(states)) {
+        append(entry.key.get(), std::move(entry.record));
+    }
+}
+
+Listed& Listing::place_of(PyObject* name) {
+    PyObject* place = py::find(places_.get(), name);
+    return place == nullptr ? append(name, make_tool_state(host_)) : tools_[PyLong_AsSize_t(place)];
+}
+
+void Listing::add_usage(PyObject* usage) {
+    PyObject* last_tool = nullptr;  // the keys of one tool often follow each other
+    Listed* listed = nullptr;
+    for (const UsageEntry& entry : list_entries(usage)) {
+        UsageKey key = take_apart(entry.key.get());
+        if (key.tool.get() != last_tool) {
+            listed = &place_of(key.tool.get());
+            last_tool = PyTuple_CheckExact(entry.key.get()) ? key.tool.get() : nullptr;  // the tuple keeps it alive
+        }
+        listed->lines.push_back(read_line(host_, std::move(key), entry.record.get()));
+    }
+}
+
+/// How a tool of plain counts sorts: most errors first, then most calls.
+struct ToolKey {
+    long errors;
+    long calls;
+    std::size_t position;
+
+    bool operator<(const ToolKey& other) const {
+        if (errors != other.errors) {
+            return errors > other.errors;
+        }
+        return calls != other.calls ? calls > other.calls : position < other.position;
+    }
+};
+
+Order Listing::worst_first() const {
+    py::Vector<ToolKey> keys;
+    keys.reserve(tools_.size());
+    for (const Listed& tool : tools_) {
+        const ToolStateView state = host_.tool_state(tool.state.get());
+        ToolKey key{.errors = 0, .calls = 0, .position = keys.size()};
+        if (!read_plain(state.get(ToolStateFields::error_count).get(), key.errors) ||
+            !read_plain(state.get(ToolStateFields::call_count).get(), key.calls)) {
+            break;
+        }
+        keys.push_back(key);
+    }
+    if (keys.size() == tools_.size()) {
+        return order_natively(std::move(keys));
+    }
+    return order_by_runtime(tools_.size(), [&](std::size_t index) {
+        const ToolStateView state = host_.tool_state(tools_[index].state.get());
+        return py::make_tuple(minus(state.get(ToolStateFields::error_count).get()).get(),
+                              minus(state.get(ToolStateFields::call_count).get()).get());
+    });
+}
+
+/// One health record. `usage` are the tool's rows.
+Ref make_record(const Host& host, const Listed& tool, const Ref& usage) {
+    const ToolStateView state = host.tool_state(tool.state.get());
+    const Ref disabled_at = state.get(ToolStateFields::disabled_at);
+    Ref record = Ref::steal(PyDict_New());
+    put(host, record.get(), Name::tool_name, tool.name.get());
+    put(host, record.get(), Name::call_count, state.get(ToolStateFields::call_count).get());
+    put(host, record.get(), Name::error_count, state.get(ToolStateFields::error_count).get());
+    put(host, record.get(), Name::last_error, state.get(ToolStateFields::last_error).get());
+    put(host, record.get(), Name::disabled, py::boolean(disabled_at.get() != Py_None).get());
+    put(host, record.get(), Name::disabled_at, sqlite_time(host, disabled_at.get()).get());
+    put(host, record.get(), Name::updated_at, sqlite_time(host, state.get(ToolStateFields::updated_at).get()).get());
+    put(host, record.get(), Name::usage, usage.get());
+    return record;
+}
+
+/// The tracker's `_usage_rows` if a subclass or a host put another in place of ours, else empty.
+Ref overriding_usage_rows(Tracker& tracker, const Host& host) {
+    Ref method = py::get_attribute(tracker.object(), host.names[Name::_usage_rows]);
+    const bool is_own = PyMethod_Check(method.get()) && PyMethod_GET_FUNCTION(method.get()) == host.own.usage_rows &&
+                        PyMethod_GET_SELF(method.get()) == tracker.object();
+    return is_own ? Ref() : std::move(method);
+}
+
+}  // namespace
+
+Ref health_summary(Tracker& tracker, const Host& host) {
+    Listing listing(host);  // outlives the guard: what it holds may die with it
+    const py::LockGuard guard(host.locks, require(tracker.lock, "_lock"));
+    listing.add_states(hold_state(tracker).get());
+    listing.add_usage(hold_usage(tracker).get());
+    const Ref override = overriding_usage_rows(tracker, host);
+    Ref records = Ref::steal(PyList_New(0));
+    for (const std::size_t place : listing.worst_first()) {
+        const Listed& tool = listing.tools()[place];
+        const Ref rows =
+            override ? py::call(override.get(), tool.name.get()) : make_rows(host, tool.name.get(), tool.lines);
+        py::check(PyList_Append(records.get(), make_record(host, tool, rows).get()));
+    }
+    return records;
+}
+
+Ref usage_rows(Tracker& tracker, const Host& host, PyObject* tool_name) {
+    Lines lines;
+    for (const UsageEntry& entry : list_entries(hold_usage(tracker).get())) {
+        UsageKey key = take_apart(entry.key.get());
+        if (py::compares(key.tool.get(), tool_name, Py_EQ)) {
+            lines.push_back(read_line(host, std::move(key), entry.record.get()));
+        }
+    }
+    return make_rows(host, tool_name, lines);
+}
+
+}  // namespace health

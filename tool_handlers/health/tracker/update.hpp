@@ -1,0 +1,54 @@
+// A change of one record, worked out in full before any of it takes effect.
+//
+// Declare an update before the section's guard: it outlives the guard, and with it die the values that were
+// replaced, and a record that nobody else holds any more. Their last references may run Python code, which then
+// finds the lock free.
+#pragma once
+
+#include <Python.h>
+
+#include <array>
+#include <utility>
+
+#include "health/python/ref.hpp"
+#include "health/records/record.hpp"
+
+namespace health {
+
+template <class Fields>
+class Update {
+public:
+    using Field = typename Fields::Field;
+
+    /// The record to change, kept alive from here on. `is_new`: no mapping holds it yet.
+    void begin(py::Ref record, bool is_new) {
+        record_ = std::move(record);
+        is_new_ = is_new;
+    }
+
+    /// A field's value once the update is applied.
+    void set(Field field, py::Ref value) { values_[field] = std::move(value); }
+
+    /// Puts the new values in place. On the module's own records nothing can fail and no Python code runs.
+    void apply(const RecordView<Fields>& record) {
+        for (std::size_t field = 0; field < values_.size(); ++field) {
+            if (values_[field]) {
+                record.exchange(static_cast<Field>(field), values_[field]);
+            }
+        }
+    }
+
+    /// Keeps a value that was replaced until the update dies.
+    void bury(py::Ref value) { buried_ = std::move(value); }
+
+    [[nodiscard]] PyObject* record() const { return record_.get(); }
+    [[nodiscard]] bool is_new() const { return is_new_; }
+
+private:
+    std::array<py::Ref, Fields::names.size()> values_;
+    py::Ref record_;
+    py::Ref buried_;
+    bool is_new_ = false;
+};
+
+}  // namespace health

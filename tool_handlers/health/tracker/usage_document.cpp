@@ -1,0 +1,175 @@
+// The usage document: the mirror of the usage counts, one JSON text in the table `schema_info`.
+#include <optional>
+
+#include "health/host/database.hpp"
+#include "health/host/registry.hpp"
+#include "health/python/dict.hpp"
+#include "health/python/recover.hpp"
+#include "health/records/constants.hpp"
+#include "health/tracker/consistency.hpp"
+#include "health/tracker/document_writer.hpp"
+#include "health/tracker/tracker.hpp"
+#include "health/tracker/usage_entries.hpp"
+
+namespace health {
+
+using py::Ref;
+
+namespace {
+
+using enum UsageFields::Field;
+
+constexpr const char* select_document = "SELECT value FROM schema_info WHERE key = ?";
+constexpr const char* replace_document = "INSERT OR REPLACE INTO schema_info (key, value) VALUES (?, ?)";
+
+// Reading.
+
+/// The stored text, or None where there is none.
+Ref fetch_document(const Database& database) {
+    const Ref row = database.fetch_one(select_document, py::make_tuple(py::text(tool_usage_key).get()).get());
+    if (row.get() == Py_None) {
+        return py::none();
+    }
+    Ref value = py::first_item(row.get());
+    return PyUnicode_Check(value.get()) ? std::move(value) : py::none();
+}
+
+/// A member that every element of the document must have.
+Ref member(const Host& host, PyObject* element, Name name) {
+    PyObject* key = host.names[name];
+    if (!PyDict_CheckExact(element)) {
+        return py::get_item(element, key);
+    }
+    PyObject* value = py::find(element, key);
+    if (value == nullptr) {
+        PyErr_SetObject(PyExc_KeyError, key);
+        py::throw_current();
+    }
+    return Ref::borrow(value);
+}
+
+Ref as_text(const Ref& value) {
+    return Ref::steal(PyObject_Str(value.get()));
+}
+
+/// Adds one element of the document to the loaded table.
+void load_element(const Host& host, PyObject* loaded, PyObject* element) {
+    const Ref tool = as_text(member(host, element, Name::tool));
+    const Ref action = member(host, element, Name::action);
+    const Ref outcome = as_text(member(host, element, Name::outcome));
+    const Ref alias_hit = py::boolean(py::is_true(member(host, element, Name::alias_hit).get()));
+    const Ref key = py::make_tuple(tool.get(), action.get(), outcome.get(), alias_hit.get());
+    const Ref call_count = Ref::steal(PyNumber_Long(member(host, element, Name::calls).get()));
+    const Ref timed_count = Ref::steal(PyNumber_Long(member(host, element, Name::timed_calls).get()));
+    const Ref total = Ref::steal(PyNumber_Float(member(host, element, Name::total_ms).get()));
+    const Ref usage = make_usage(host, call_count.get(), timed_count.get(), total.get());
+    py::check(PyDict_SetItem(loaded, key.get(), usage.get()));
+}
+
+/// The table that a stored text holds: usage key to record, in the document's order.
+Ref parse_document(const Host& host, PyObject* text) {
+    Ref loaded = Ref::steal(PyDict_New());
+    if (text == Py_None) {
+        return loaded;
+    }
+    const Ref document = py::call_method(host.get(Name::json).get(), host.names[Name::loads], text);
+    if (PyDict_Check(document.get()) && PyDict_GET_SIZE(document.get()) == 0) {
+        return loaded;
+    }
+    if (!PyList_Check(document.get())) {
+        py::raise(PyExc_TypeError, "the usage document must be an array, not %.100s", Py_TYPE(document.get())->tp_name);
+    }
+    for (Py_ssize_t index = 0; index < PyList_GET_SIZE(document.get()); ++index) {
+        const Ref element = Ref::borrow(PyList_GET_ITEM(document.get(), index));
+        load_element(host, loaded.get(), element.get());
+    }
+    return loaded;
+}
+
+/// The entries of `loaded` whose tool and action the registry still has, in their order.
+Ref keep_known(const Host& host, PyObject* loaded) {
+    Ref kept = Ref::steal(PyDict_New());
+    for (const UsageEntry& entry : list_entries(loaded)) {
+        const UsageKey key = take_apart(entry.key.get());
+        if (is_known(host, key.tool.get(), key.action.get())) {
+            py::check(PyDict_SetItem(kept.get(), entry.key.get(), entry.record.get()));
+        }
+    }
+    return kept;
+}
+
+// Writing.
+
+/// Copies the counts and clears their mark, the latter once nothing can fail any more; nothing if there is no change
+/// to write.
+std::optional<py::Vector<DocumentEntry>> take_snapshot(Tracker& tracker, const Host& host) {
+    Ref old_mark;  // dropped when the lock is free
+    py::Vector<UsageEntry> entries;
+    py::Vector<DocumentEntry> snapshot;
+    const py::LockGuard guard(host.locks, require(tracker.lock, "_lock"));
+    if (!py::is_true(Ref::borrow(require(tracker.usage_dirty, "_usage_dirty")).get())) {
+        return std::nullopt;
+    }
+    entries = list_entries(hold_usage(tracker).get());
+    snapshot.reserve(entries.size());
+    for (UsageEntry& entry : entries) {
+        const UsageView usage = host.usage(entry.record.get());
+        Ref call_count = usage.get(calls);
+        Ref timed_count = usage.get(timed_calls);
+        Ref total = usage.get(total_ms);
+        snapshot.push_back({std::move(entry.key), std::move(call_count), std::move(timed_count), std::move(total)});
+    }
+    old_mark = Ref::steal_optional(std::exchange(tracker.usage_dirty, Py_NewRef(Py_False)));
+    return snapshot;
+}
+
+void set_mark(Tracker& tracker) {
+    const Ref old_mark = Ref::steal_optional(std::exchange(tracker.usage_dirty, Py_NewRef(Py_True)));
+}
+
+/// Marks the counts as changed again: under the lock, and before that in case waiting for it is interrupted.
+void put_mark_back(Tracker& tracker, const Host& host) {
+    set_mark(tracker);
+    const py::LockGuard guard(host.locks, require(tracker.lock, "_lock"));
+    set_mark(tracker);
+}
+
+}  // namespace
+
+void load_usage(Tracker& tracker, const Host& host) {
+    Ref loaded;
+    const auto read = [&] {
+        const Database database(host, require(tracker.repo, "_repo"));
+        loaded = parse_document(host, fetch_document(database).get());
+    };
+    const auto complain = [&](PyObject* error) { warn(host, "Could not read the tool usage counts: %s", error); };
+    if (!py::guarded(read, complain)) {
+        return;
+    }
+    const Ref kept = keep_known(host, loaded.get());
+    Ref mark = py::boolean(PyDict_GET_SIZE(kept.get()) < PyDict_GET_SIZE(loaded.get()));
+    const py::LockGuard guard(host.locks, require(tracker.lock, "_lock"));
+    const Ref usage = hold_usage(tracker);
+    py::check(PyDict_Update(usage.get(), kept.get()));
+    mark.swap_with(tracker.usage_dirty);
+    tracker.known_usage.learn(usage.get(), host.records.usage.get());
+    assert_consistent(tracker);
+}
+
+Ref flush_usage(Tracker& tracker, const Host& host) {
+    const std::optional<py::Vector<DocumentEntry>> snapshot = take_snapshot(tracker, host);
+    if (!snapshot) {
+        return Ref::steal(PyLong_FromLong(0));
+    }
+    return py::recovering(
+        [&] {
+            Ref count = Ref::steal(PyLong_FromSize_t(snapshot->size()));
+            const Ref document = DocumentWriter(host).write(*snapshot);
+            const Database database(host, require(tracker.repo, "_repo"));
+            database.execute(replace_document, py::make_tuple(py::text(tool_usage_key).get(), document.get()).get());
+            return count;
+        },
+        [&] { put_mark_back(tracker, host); });
+}
+
+}  // namespace health

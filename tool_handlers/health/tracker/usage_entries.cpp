@@ -1,0 +1,24 @@
+#include "health/tracker/usage_entries.hpp"
+
+namespace health {
+
+using py::Ref;
+
+py::Vector<UsageEntry> list_entries(PyObject* usage) {
+    py::Vector<UsageEntry> entries;
+    entries.reserve(static_cast<std::size_t>(PyDict_GET_SIZE(usage)));
+    Py_ssize_t position = 0;
+    PyObject* key = nullptr;
+    PyObject* record = nullptr;
+    while (PyDict_Next(usage, &position, &key, &record) != 0) {
+        entries.push_back({.key = Ref::borrow(key), .record = Ref::borrow(record)});
+    }
+    return entries;
+}
+
+UsageKey take_apart(PyObject* key) {
+    auto [tool, action, outcome, alias_hit] = py::unpack<4>(key);
+    return {std::move(tool), std::move(action), std::move(outcome), std::move(alias_hit)};
+}
+
+}  // namespace health
