@@ -92,6 +92,19 @@ def _known(tool: str, action: str | None) -> bool:
     return action is None or spec.action(action) is not None
 
 
+def _entries(stored: Any) -> list[Any]:
+    """The entries of the stored usage document; anything but text holds none."""
+    if not isinstance(stored, str):
+        return []
+    document: Any = json.loads(stored)
+    if document == {}:
+        return []
+    if not isinstance(document, list):
+        kind = type(document).__name__
+        raise TypeError(f"the usage document must be an array, not {kind}")
+    return document
+
+
 def _rows(tool_name: str, entries: Iterable[tuple[_UsageKey, _Usage]]) -> list[dict[str, Any]]:
     """The usage rows made of a tool's own entries, most calls first."""
     rows: list[dict[str, Any]] = [
@@ -200,8 +213,6 @@ class ToolHealthTracker:
             row = self._repo.db.fetchone(
                 "SELECT value FROM schema_info WHERE key = ?", (TOOL_USAGE_KEY,)
             )
-            document = None if row is None else row[0]
-            entries = json.loads(document) if isinstance(document, str) else []
             loaded: dict[_UsageKey, _Usage] = {
                 (
                     str(entry["tool"]),
@@ -209,7 +220,7 @@ class ToolHealthTracker:
                     str(entry["outcome"]),
                     bool(entry["alias_hit"]),
                 ): _Usage(int(entry["calls"]), int(entry["timed_calls"]), float(entry["total_ms"]))
-                for entry in entries
+                for entry in _entries(None if row is None else row[0])
             }
         except Exception as error:
             logger.warning("Could not read the tool usage counts: %s", error)
