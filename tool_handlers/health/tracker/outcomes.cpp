@@ -73,8 +73,11 @@ Ref shorten(PyObject* error) {
     if (!py::is_true(error)) {
         return Ref::steal(PyUnicode_New(0, 0));
     }
-    return PyUnicode_Check(error) ? Ref::steal(PyUnicode_Substring(error, 0, longest_error))
-                                  : Ref::steal(PySequence_GetSlice(error, 0, longest_error));
+    if (PyUnicode_Check(error)) {
+        return Ref::steal(PyUnicode_Substring(error, 0, longest_error));
+    }
+    const Ref stop = Ref::steal(PyLong_FromSsize_t(longest_error));
+    return py::get_item(error, Ref::steal(PySlice_New(nullptr, stop.get(), nullptr)).get());
 }
 
 /// Whether the cooldown of a tool disabled at `disabled_at` is over. May run Python code; the lock is held.
