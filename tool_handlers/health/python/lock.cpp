@@ -42,8 +42,7 @@ void LockMethods::clear() {
 }
 
 LockGuard::LockGuard(const LockMethods& methods, PyObject* lock, bool quiet) : methods_(methods) {
-    const bool look_is_enough = quiet && methods.is_native(lock) && !methods.is_held(lock);
-    if (!look_is_enough) {
+    if (!quiet || !methods.is_free(lock)) {
         lock_ = Ref::borrow(lock);
         take();
     }

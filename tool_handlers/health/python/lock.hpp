@@ -28,6 +28,8 @@ public:
     [[nodiscard]] bool is_native(PyObject* lock) const { return Py_TYPE(lock) == type(); }
     /// Whether a native lock is held by anybody. Runs no Python code.
     [[nodiscard]] bool is_held(PyObject* lock) const { return locked_(lock, nullptr) == Py_True; }
+    /// The look of a quiet section: whether `lock` is native and nobody holds it. Runs no Python code.
+    [[nodiscard]] bool is_free(PyObject* lock) const { return is_native(lock) && !is_held(lock); }
     /// Waits for a native lock, letting other threads run. Throws when a signal handler does.
     void acquire(PyObject* lock) const;
     /// Releases a native lock. Runs no Python code; throws if nobody holds it.

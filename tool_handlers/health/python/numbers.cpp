@@ -4,6 +4,8 @@
 #include <charconv>
 #include <cmath>
 
+#include "health/python/object.hpp"
+
 namespace health::py {
 
 double round_to(double value, int digits) {
@@ -15,6 +17,12 @@ double round_to(double value, int digits) {
     double rounded = value;
     std::from_chars(text.data(), written.ptr, rounded);
     return rounded;
+}
+
+Ref round_by_runtime(PyObject* value, int digits) {
+    const Ref builtins = Ref::steal(PyImport_ImportModule("builtins"));
+    const Ref count = Ref::steal(PyLong_FromLong(digits));
+    return call(get_attribute(builtins.get(), "round").get(), value, count.get());
 }
 
 }  // namespace health::py

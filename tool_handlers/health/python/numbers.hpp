@@ -38,4 +38,7 @@ inline Ref plus_one(PyObject* number) {
 /// Plain C++; `digits` is small.
 double round_to(double value, int digits);
 
+/// `round(value, digits)`. Runs Python code unless `value` is plain.
+Ref round_by_runtime(PyObject* value, int digits);
+
 }  // namespace health::py

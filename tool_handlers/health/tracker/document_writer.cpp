@@ -15,7 +15,6 @@ using py::Ref;
 
 namespace {
 
-constexpr int total_decimals = 3;
 constexpr std::size_t typical_entry = 128;  // characters
 
 std::string_view ascii_of(PyObject* text) {
@@ -27,13 +26,6 @@ bool needs_no_escape(PyObject* text) {
     return PyUnicode_IS_COMPACT_ASCII(text) && std::ranges::all_of(ascii_of(text), [](char character) {
                return character >= ' ' && character <= '~' && character != '"' && character != '\\';
            });
-}
-
-/// `round(value, 3)`.
-Ref round_by_runtime(PyObject* value) {
-    const Ref builtins = Ref::steal(PyImport_ImportModule("builtins"));
-    const Ref digits = Ref::steal(PyLong_FromLong(total_decimals));
-    return py::call(py::get_attribute(builtins.get(), "round").get(), value, digits.get());
 }
 
 struct FreeText {
@@ -85,7 +77,7 @@ void DocumentWriter::add_total(PyObject* total_ms) {
     if (PyFloat_CheckExact(total_ms)) {
         add_rounded(PyFloat_AS_DOUBLE(total_ms));
     } else {
-        add_value(round_by_runtime(total_ms).get());
+        add_value(total_ms);
     }
 }
 

@@ -13,12 +13,15 @@
 
 namespace health {
 
+/// The decimals of a total in milliseconds.
+inline constexpr int total_decimals = 3;
+
 /// One entry of the document: a usage key with its counts, as they were under the lock.
 struct DocumentEntry {
     py::Ref key;
     py::Ref calls;
     py::Ref timed_calls;
-    py::Ref total_ms;
+    py::Ref total_ms;  // rounded already, unless it is a float
 };
 
 class DocumentWriter {

@@ -15,8 +15,6 @@ using py::Ref;
 
 namespace {
 
-using enum ToolStateFields::Field;
-
 constexpr const char* select_all = "SELECT " HEALTH_TOOL_HEALTH_COLUMNS " FROM tool_health";
 constexpr const char* delete_one = "DELETE FROM tool_health WHERE tool_name = ?";
 constexpr const char* upsert = "INSERT INTO tool_health (" HEALTH_TOOL_HEALTH_COLUMNS
@@ -74,9 +72,12 @@ void seed_row(const Tracker& tracker, const Host& host, PyObject* row) {
     if (!has_tool(host, name.get())) {
         return;
     }
+    const Ref call_count = stored_count(calls.get());
+    const Ref error_count = stored_count(errors.get());
+    const Ref disabled_at = epoch_of(host, disabled.get());
+    const Ref updated_at = stored_update_time(host, updated.get());
     const Ref state =
-        make_tool_state(host, stored_count(calls.get()).get(), stored_count(errors.get()).get(), error.get(),
-                        epoch_of(host, disabled.get()).get(), stored_update_time(host, updated.get()).get());
+        make_tool_state(host, call_count.get(), error_count.get(), error.get(), disabled_at.get(), updated_at.get());
     py::check(PyDict_SetItem(hold_state(tracker).get(), name.get(), state.get()));
 }
 
@@ -88,9 +89,12 @@ struct Snapshot {
 };
 
 Ref make_row(const Host& host, PyObject* name, const ToolStateView& state) {
-    return py::make_tuple(name, state.get(call_count).get(), state.get(error_count).get(), state.get(last_error).get(),
-                          sqlite_time(host, state.get(disabled_at).get()).get(),
-                          sqlite_time(host, state.get(updated_at).get()).get());
+    const Ref calls = state.get(ToolStateFields::call_count);
+    const Ref errors = state.get(ToolStateFields::error_count);
+    const Ref error = state.get(ToolStateFields::last_error);
+    const Ref disabled = sqlite_time(host, state.get(ToolStateFields::disabled_at).get());
+    const Ref updated = sqlite_time(host, state.get(ToolStateFields::updated_at).get());
+    return py::make_tuple(name, calls.get(), errors.get(), error.get(), disabled.get(), updated.get());
 }
 
 /// The rows of the marked tools that have a state, in the order of their names. The lock is held.

@@ -12,23 +12,32 @@ namespace {
 
 constexpr std::size_t least_size = 8;
 
-bool is_plain_part(PyObject* part) {
+inline bool is_plain_part(PyObject* part) {
     return PyUnicode_CheckExact(part) || part == Py_None || PyBool_Check(part);
 }
 
-/// The parts of a key of a mapping; empty if it is not plain.
+/// The parts of a key that is known to have that many.
 template <std::size_t parts>
-std::span<PyObject* const> parts_of(PyObject* const& key) {
-    std::span<PyObject* const> found;
+inline std::span<PyObject* const, parts> parts_of(PyObject* const& key) {
     if constexpr (parts == 1) {
-        found = {&key, 1};
-    } else if (PyTuple_CheckExact(key) && PyTuple_GET_SIZE(key) == parts) {
-        found = {&PyTuple_GET_ITEM(key, 0), parts};
+        return std::span<PyObject* const, 1>(&key, 1);
+    } else {
+        return std::span<PyObject* const, parts>(&PyTuple_GET_ITEM(key, 0), parts);
     }
-    return std::ranges::all_of(found, is_plain_part) ? found : std::span<PyObject* const>();
 }
 
-std::size_t hash_of(PyObject* part) {
+/// Whether a key of a mapping is plain.
+template <std::size_t parts>
+bool is_plain(PyObject* key) {
+    if constexpr (parts > 1) {
+        if (!PyTuple_CheckExact(key) || PyTuple_GET_SIZE(key) != parts) {
+            return false;
+        }
+    }
+    return std::ranges::all_of(parts_of<parts>(key), is_plain_part);
+}
+
+inline std::size_t hash_of(PyObject* part) {
     if (!PyUnicode_CheckExact(part)) {
         return reinterpret_cast<std::uintptr_t>(part) >> 4;
     }
@@ -36,7 +45,8 @@ std::size_t hash_of(PyObject* part) {
     return static_cast<std::size_t>(known != -1 ? known : PyObject_Hash(part));
 }
 
-std::size_t hash_of(std::span<PyObject* const> key) {
+template <std::size_t parts>
+inline std::size_t hash_of(const std::array<PyObject*, parts>& key) {
     constexpr std::size_t multiplier = 0x9E3779B97F4A7C15;  // 2^64 over the golden ratio: spreads nearby hashes
     std::size_t hash = 0;
     for (PyObject* part : key) {
@@ -45,7 +55,7 @@ std::size_t hash_of(std::span<PyObject* const> key) {
     return hash ^ (hash >> 32);
 }
 
-bool is_same(PyObject* left, PyObject* right) {
+inline bool is_same(PyObject* left, PyObject* right) {
     return left == right ||
            (PyUnicode_CheckExact(left) && PyUnicode_CheckExact(right) && _PyUnicode_EQ(left, right) != 0);
 }
@@ -95,7 +105,7 @@ void Recall<parts>::learn(PyObject* mapping, PyObject* record_type) {
     PyObject* key = nullptr;
     PyObject* record = nullptr;
     while (PyDict_Next(mapping, &position, &key, &record) != 0) {
-        if (!parts_of<parts>(key).empty() && reinterpret_cast<PyObject*>(Py_TYPE(record)) == record_type) {
+        if (is_plain<parts>(key) && reinterpret_cast<PyObject*>(Py_TYPE(record)) == record_type) {
             put(key, record);
         }
     }
@@ -107,7 +117,7 @@ template <std::size_t parts>
 void Recall<parts>::insert(PyObject* mapping, PyObject* key, PyObject* record) {
     // Only where all keys are plain is it certain that the assignment runs no Python code that changes more.
     const bool is_complete = is_current(mapping) && count_ == static_cast<std::size_t>(PyDict_GET_SIZE(mapping)) &&
-                             !parts_of<parts>(key).empty();
+                             is_plain<parts>(key);
     py::check(PyDict_SetItem(mapping, key, record));
     if (!is_complete || !reserve(count_ + 1)) {
         return;

@@ -64,9 +64,7 @@ UsageLine read_line(const Host& host, UsageKey key, PyObject* record) {
 /// `round(total / timed, 2)`.
 Ref average_by_runtime(PyObject* total_ms, PyObject* timed_calls) {
     const Ref quotient = Ref::steal(PyNumber_TrueDivide(total_ms, timed_calls));
-    const Ref builtins = Ref::steal(PyImport_ImportModule("builtins"));
-    const Ref digits = Ref::steal(PyLong_FromLong(average_decimals));
-    return py::call(py::get_attribute(builtins.get(), "round").get(), quotient.get(), digits.get());
+    return py::round_by_runtime(quotient.get(), average_decimals);
 }
 
 /// The mean time of a handler in milliseconds, None where none was timed.

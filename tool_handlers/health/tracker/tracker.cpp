@@ -48,8 +48,7 @@ int traverse(PyObject* self, visitproc visit, void* arg) {
     Py_VISIT(tracker.usage);
     Py_VISIT(tracker.usage_dirty);
     Py_VISIT(tracker.owed);
-    Py_VISIT(tracker.attributes);
-    return 0;
+    return _PyObject_VisitManagedDict(self, visit, arg);
 }
 
 int clear(PyObject* self) {
@@ -62,7 +61,7 @@ int clear(PyObject* self) {
     Py_CLEAR(tracker.usage);
     Py_CLEAR(tracker.usage_dirty);
     Py_CLEAR(tracker.owed);
-    Py_CLEAR(tracker.attributes);
+    _PyObject_ClearManagedDict(self);
     return 0;
 }
 
@@ -70,20 +69,17 @@ int clear(PyObject* self) {
 void deallocate(PyObject* self) {
     PyTypeObject* type = Py_TYPE(self);
     PyObject_GC_UnTrack(self);
-    Py_TRASHCAN_BEGIN(self, deallocate) if (Tracker::of(self).weak_references != nullptr) {
-        PyObject_ClearWeakRefs(self);
-    }
+    Py_TRASHCAN_BEGIN(self, deallocate);
+    PyObject_ClearWeakRefs(self);
     Tracker::of(self).known_states.forget();
     Tracker::of(self).known_usage.forget();
     clear(self);
     type->tp_free(self);
     Py_DECREF(type);
-    Py_TRASHCAN_END
+    Py_TRASHCAN_END;
 }
 
 PyMemberDef members[] = {
-    {"__dictoffset__", T_PYSSIZET, offsetof(Tracker, attributes), READONLY, nullptr},
-    {"__weaklistoffset__", T_PYSSIZET, offsetof(Tracker, weak_references), READONLY, nullptr},
     {"_repo", T_OBJECT_EX, offsetof(Tracker, repo), 0, nullptr},
     {"_limits", T_OBJECT_EX, offsetof(Tracker, limits), 0, nullptr},
     {"_lock", T_OBJECT_EX, offsetof(Tracker, lock), 0, nullptr},
@@ -113,7 +109,8 @@ PyType_Spec type_spec = {
     .name = "quorl_dendra.tool_handlers.health.ToolHealthTracker",
     .basicsize = sizeof(Tracker),
     .itemsize = 0,
-    .flags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE | Py_TPFLAGS_HAVE_GC,
+    .flags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_MANAGED_DICT |
+             Py_TPFLAGS_MANAGED_WEAKREF,
     .slots = slots,
 };
 

@@ -30,8 +30,6 @@ struct Tracker {
     PyObject* usage_dirty;  // `_usage_dirty`: whether the usage counts changed since they were written
     /// Names whose mark could not be put back into `_dirty` after a failed write: a chain of `[names, next]`, or NULL.
     PyObject* owed;
-    PyObject* attributes;  // `__dict__`; NULL until something is put there
-    PyObject* weak_references;
     StateRecall known_states;
     UsageRecall known_usage;
 

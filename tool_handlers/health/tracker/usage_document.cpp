@@ -4,6 +4,7 @@
 #include "health/host/database.hpp"
 #include "health/host/registry.hpp"
 #include "health/python/dict.hpp"
+#include "health/python/numbers.hpp"
 #include "health/python/recover.hpp"
 #include "health/records/constants.hpp"
 #include "health/tracker/consistency.hpp"
@@ -100,6 +101,11 @@ Ref keep_known(const Host& host, PyObject* loaded) {
 
 // Writing.
 
+/// The total as the document holds it, but for floats, which the writer rounds as it writes them.
+Ref rounded_total(Ref total) {
+    return PyFloat_CheckExact(total.get()) ? std::move(total) : py::round_by_runtime(total.get(), total_decimals);
+}
+
 /// Copies the counts and clears their mark, the latter once nothing can fail any more; nothing if there is no change
 /// to write.
 std::optional<py::Vector<DocumentEntry>> take_snapshot(Tracker& tracker, const Host& host) {
@@ -116,7 +122,7 @@ std::optional<py::Vector<DocumentEntry>> take_snapshot(Tracker& tracker, const H
         const UsageView usage = host.usage(entry.record.get());
         Ref call_count = usage.get(calls);
         Ref timed_count = usage.get(timed_calls);
-        Ref total = usage.get(total_ms);
+        Ref total = rounded_total(usage.get(total_ms));
         snapshot.push_back({std::move(entry.key), std::move(call_count), std::move(timed_count), std::move(total)});
     }
     old_mark = Ref::steal_optional(std::exchange(tracker.usage_dirty, Py_NewRef(Py_False)));
