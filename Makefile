@@ -45,10 +45,10 @@ bench: build ## measure the release against plain Python (ARGS="--quick"); build
 	@build/release/python benchmarks/bench.py --json build/bench.json $(ARGS)
 
 .PHONY: plot
-plot: ## draw docs/summary-time.svg from the numbers of the last `make bench`
+plot: ## draw docs/summary-scaling.svg from the numbers of the last `make bench`
 	@scripts/bootstrap plot
 	@test -f build/bench.json || $(MAKE) bench
-	@$$(scripts/find-python) scripts/plot build/bench.json docs/summary-time.svg
+	@$$(scripts/find-python) benchmarks/plot.py build/bench.json docs/summary-scaling.svg
 
 .PHONY: coverage
 coverage: ## run the tests and show which native lines and branches they execute

@@ -36,7 +36,9 @@ private:
     static bool stand_in_order(const Definition& definition, PyObject* names, Py_ssize_t positional,
                                PyObject* keywords) {
         const Py_ssize_t named = keywords == nullptr ? 0 : PyTuple_GET_SIZE(keywords);
-        if (positional + named != static_cast<Py_ssize_t>(definition.parameters.size())) {
+        if (positional + named != static_cast<Py_ssize_t>(definition.parameters.size()) ||
+            (positional > 0 && definition.parameters[static_cast<std::size_t>(positional) - 1].kind ==
+                                   Kind::keyword_only)) {
             return false;
         }
         for (Py_ssize_t index = 0; index < named; ++index) {
@@ -44,8 +46,7 @@ private:
                 return false;
             }
         }
-        return named > 0 || definition.parameters.empty() ||
-               definition.parameters.back().kind == Kind::positional_or_keyword;
+        return true;
     }
 
     void bind(const Definition& definition, PyObject* names, PyObject* qualname, PyObject* const* given,

@@ -58,8 +58,9 @@ public:
 private:
     explicit Ref(PyObject* object) : object_(object) {}
 
+    // Immortal objects (None, the bools, small integers) need no counting, and so no look at the thread either.
     static void drop(PyObject* object) {
-        if (object != nullptr && is_attached()) {
+        if (object != nullptr && !_Py_IsImmortal(object) && is_attached()) {
             Py_DECREF(object);
         }
     }

@@ -10,8 +10,9 @@
 
 #include <array>
 #include <cstddef>
-#include <span>
+#include <utility>
 
+#include "health/python/numbers.hpp"
 #include "health/python/object.hpp"
 #include "health/python/ref.hpp"
 #include "health/records/names.hpp"
@@ -94,16 +95,23 @@ public:
         return value != nullptr ? py::Ref::borrow(value) : py::get_attribute(object_, name_of(field));
     }
 
-    /// The value of a native record's field if it is plain, else nullptr; borrowed.
+    /// The value of a field plus one. Runs Python code only if the record is not native or the value not plain.
+    [[nodiscard]] py::Ref count_up(Field field) const {
+        PyObject* value = peek(field);
+        return value != nullptr && PyLong_CheckExact(value) ? py::plus_one(value) : py::plus_one(get(field).get());
+    }
+
+    /// The value of a native record's field; nullptr if there is none or the record is not native. Borrowed, and good
+    /// until anything runs Python code.
     [[nodiscard]] PyObject* peek(Field field) const { return native_ ? slots()[field] : nullptr; }
 
     /// Puts `value` in place. A native record's old value moves into `value`, for the caller to drop when it may
     /// run Python code; and nothing can fail. On other records it runs Python code and may throw.
-    void exchange(Field field, py::Ref& value) const {
+    void exchange(Field field, PyObject*& value) const {
         if (native_) {
-            value.swap_with(slots()[field]);
+            std::swap(value, slots()[field]);
         } else {
-            py::check(PyObject_SetAttr(object_, name_of(field), value.get()));
+            py::check(PyObject_SetAttr(object_, name_of(field), value));
         }
     }
 

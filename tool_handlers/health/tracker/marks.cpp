@@ -42,8 +42,9 @@ bool is_marked(const Tracker& tracker, PyObject* tool_name) {
     if (tracker.dirty == nullptr || !PySet_CheckExact(tracker.dirty)) {
         return false;
     }
-    const Ref dirty = Ref::borrow(tracker.dirty);
-    const int found = PySet_Contains(dirty.get(), tool_name);
+    PyObject* dirty = Py_NewRef(tracker.dirty);  // without a guard: this is on every call's path
+    const int found = PySet_Contains(dirty, tool_name);
+    Py_DECREF(dirty);
     if (found < 0) {
         PyErr_Clear();
     }

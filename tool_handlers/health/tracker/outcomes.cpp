@@ -45,6 +45,11 @@ PyObject* find_quietly(const Tracker& tracker, Host& host, PyObject* tool_name) 
     return record != nullptr && has_plain_counts(host.tool_state(record)) ? record : nullptr;
 }
 
+/// Epoch seconds now. In a quiet section the clock was found to be the runtime's already.
+Ref read_clock(Host& host, const py::LockGuard& guard) {
+    return guard.only_looked() ? host.clock.read_quietly() : host.clock.read(host.names, host.globals);
+}
+
 /// Begins an update of the tool's record, or of a new one. The lock is held.
 void begin(StateUpdate& update, Tracker& tracker, const Host& host, PyObject* tool_name) {
     const Ref states = hold_state(tracker);
@@ -102,15 +107,15 @@ void record_success(Tracker& tracker, Host& host, PyObject* tool_name) {
     PyObject* known = find_quietly(tracker, host, tool_name);
     const py::LockGuard guard(host.locks, require(tracker.lock, "_lock"), known != nullptr);
     if (guard.only_looked()) {
-        update.begin(Ref::borrow(known), false);
+        update.begin_quietly(known);
     } else {
         begin(update, tracker, host, tool_name);
     }
     const ToolStateView state = host.tool_state(update.record());
-    update.set(call_count, py::plus_one(state.get(call_count).get()));
+    update.set(call_count, state.count_up(call_count));
     update.set(consecutive_errors, zero());
     update.set(disabled_at, py::none());
-    update.set(updated_at, host.clock.read(host.names, host.globals));
+    update.set(updated_at, read_clock(host, guard));
     finish(update, tracker, host, tool_name, guard.only_looked());
     assert_consistent(tracker);
 }
@@ -122,16 +127,16 @@ void record_error(Tracker& tracker, Host& host, PyObject* tool_name, PyObject* e
     PyObject* known = threshold && is_plain_error ? find_quietly(tracker, host, tool_name) : nullptr;
     const py::LockGuard guard(host.locks, require(tracker.lock, "_lock"), known != nullptr);
     if (guard.only_looked()) {
-        update.begin(Ref::borrow(known), false);
+        update.begin_quietly(known);
     } else {
         begin(update, tracker, host, tool_name);
     }
     const ToolStateView state = host.tool_state(update.record());
-    update.set(call_count, py::plus_one(state.get(call_count).get()));
-    update.set(error_count, py::plus_one(state.get(error_count).get()));
-    Ref run = py::plus_one(state.get(consecutive_errors).get());
+    update.set(call_count, state.count_up(call_count));
+    update.set(error_count, state.count_up(error_count));
+    Ref run = state.count_up(consecutive_errors);
     update.set(last_error, shorten(error));
-    const Ref now = host.clock.read(host.names, host.globals);
+    const Ref now = read_clock(host, guard);
     if (!guard.only_looked()) {
         threshold = disable_after_errors(host, require(tracker.limits, "_limits"));
     }

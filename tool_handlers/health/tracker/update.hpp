@@ -20,19 +20,38 @@ class Update {
 public:
     using Field = typename Fields::Field;
 
+    Update() = default;
+    Update(const Update&) = delete;
+    Update& operator=(const Update&) = delete;
+    Update(Update&&) = delete;
+    Update& operator=(Update&&) = delete;
+
+    // One look at the thread serves all values.
+    ~Update() {
+        if (py::is_attached()) {
+            for (PyObject* value : values_) {
+                Py_XDECREF(value);
+            }
+        }
+    }
+
+    /// The record to change, which a mapping keeps alive: no Python code runs before the update is applied.
+    void begin_quietly(PyObject* record) { record_ = record; }
+
     /// The record to change, kept alive from here on. `is_new`: no mapping holds it yet.
     void begin(py::Ref record, bool is_new) {
-        record_ = std::move(record);
+        record_ = record.get();
         is_new_ = is_new;
+        held_ = std::move(record);
     }
 
     /// A field's value once the update is applied.
-    void set(Field field, py::Ref value) { values_[field] = std::move(value); }
+    void set(Field field, py::Ref value) { value.swap_with(values_[field]); }
 
     /// Puts the new values in place. On the module's own records nothing can fail and no Python code runs.
     void apply(const RecordView<Fields>& record) {
         for (std::size_t field = 0; field < values_.size(); ++field) {
-            if (values_[field]) {
+            if (values_[field] != nullptr) {
                 record.exchange(static_cast<Field>(field), values_[field]);
             }
         }
@@ -41,12 +60,14 @@ public:
     /// Keeps a value that was replaced until the update dies.
     void bury(py::Ref value) { buried_ = std::move(value); }
 
-    [[nodiscard]] PyObject* record() const { return record_.get(); }
+    [[nodiscard]] PyObject* record() const { return record_; }
     [[nodiscard]] bool is_new() const { return is_new_; }
 
 private:
-    std::array<py::Ref, Fields::names.size()> values_;
-    py::Ref record_;
+    // Owned: the new values, and once they are in place those they replaced.
+    std::array<PyObject*, Fields::names.size()> values_{};
+    PyObject* record_ = nullptr;
+    py::Ref held_;
     py::Ref buried_;
     bool is_new_ = false;
 };

@@ -49,15 +49,15 @@ void record_call(Tracker& tracker, Host& host, PyObject* tool_name, PyObject* ac
     PyObject* known = find_quietly(tracker, host, {tool_name, action, outcome, alias_hit}, duration_ms);
     const py::LockGuard guard(host.locks, require(tracker.lock, "_lock"), known != nullptr);
     if (guard.only_looked()) {
-        update.begin(Ref::borrow(known), false);
+        update.begin_quietly(known);
     } else {
         key = py::make_tuple(tool_name, action, outcome, alias_hit);
         begin(update, tracker, host, key.get());
     }
     const UsageView usage = host.usage(update.record());
-    update.set(calls, py::plus_one(usage.get(calls).get()));
+    update.set(calls, usage.count_up(calls));
     if (duration_ms != Py_None) {
-        update.set(timed_calls, py::plus_one(usage.get(timed_calls).get()));
+        update.set(timed_calls, usage.count_up(timed_calls));
         update.set(total_ms, py::add(usage.get(total_ms).get(), duration_ms));
     }
     update.apply(usage);
