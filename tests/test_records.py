@@ -4,39 +4,15 @@ from __future__ import annotations
 
 import copy
 import dataclasses
+import itertools
 import operator
 import pickle
 import unittest
 import weakref
-from dataclasses import asdict, dataclass, replace
+from dataclasses import asdict, replace
 
+from benchmarks import baseline
 from support import health, result
-
-
-@dataclass
-class _ToolState:
-    """What is known about one tool's health.
-
-    ``error_count`` is every error the tool has had; ``consecutive_errors`` the run of them since
-    its last success, which disables it (kept in memory only: a restart starts a new run, and a
-    disabled tool stays disabled by ``disabled_at``).
-    """
-
-    call_count: int = 0
-    error_count: int = 0
-    last_error: str | None = None
-    disabled_at: float | None = None
-    updated_at: float = 0.0
-    consecutive_errors: int = 0
-
-
-@dataclass
-class _Usage:
-    """How many calls one usage key counts, and the time their handlers took."""
-
-    calls: int = 0
-    timed_calls: int = 0
-    total_ms: float = 0.0
 
 
 class Special(health._Usage):
@@ -69,15 +45,14 @@ QUESTIONS = {
 
 class Records(unittest.TestCase):
     def test_they_are_what_plain_dataclasses_are(self):
-        for ours, plain in (health._ToolState, _ToolState), (health._Usage, _Usage):
+        for name in ("_ToolState", "_Usage"):
+            ours, plain = getattr(health, name), getattr(baseline, name)
             self.assertEqual(ours.__module__, health.__name__)
-            for name, question in QUESTIONS.items():
-                with self.subTest(ours, question=name):
+            for topic, question in QUESTIONS.items():
+                with self.subTest(name, topic=topic):
                     self.assertEqual(result(question, ours), result(question, plain))
-            for value in (*ODD, []):
-                for field in ours.__match_args__:
-                    record = ours(**{field: value})
-                    self.assertIs(getattr(record, field), value)
+            for value, field in itertools.product((*ODD, []), ours.__match_args__):
+                self.assertIs(getattr(ours(**{field: value}), field), value)
 
     def test_copies_keep_every_field_and_further_attributes(self):
         ways = {"copy": copy.copy, "deepcopy": copy.deepcopy}
