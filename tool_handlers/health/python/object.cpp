@@ -35,6 +35,13 @@ Ref call_vector(PyObject* callable, PyObject* const* arguments, std::size_t coun
     return Ref::steal(result);
 }
 
+Ref call_method_vector(PyObject* name, PyObject* const* arguments, std::size_t count) {
+    check(Py_EnterRecursiveCall(" while calling a Python object"));
+    PyObject* result = PyObject_VectorcallMethod(name, arguments, count | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr);
+    Py_LeaveRecursiveCall();
+    return Ref::steal(result);
+}
+
 void unpack(PyObject* iterable, Ref* items, Py_ssize_t count) {
     if (!PyTuple_CheckExact(iterable) && Py_TYPE(iterable)->tp_iter == nullptr && !PySequence_Check(iterable)) {
         raise(PyExc_TypeError, "cannot unpack non-iterable %.200s object", Py_TYPE(iterable)->tp_name);

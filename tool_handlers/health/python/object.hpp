@@ -44,9 +44,14 @@ Ref call(PyObject* callable, Arguments... arguments) {
     return call_vector(callable, stack.data() + 1, sizeof...(arguments));
 }
 
+/// `object.name(...)`, without making the method where that can be saved. As `call_vector`, `arguments` stands behind a
+/// slot that may be written to, and begins with the object.
+Ref call_method_vector(PyObject* name, PyObject* const* arguments, std::size_t count);
+
 template <class... Arguments>
 Ref call_method(PyObject* object, PyObject* name, Arguments... arguments) {
-    return call(get_attribute(object, name).get(), arguments...);
+    std::array<PyObject*, sizeof...(arguments) + 2> stack{nullptr, object, arguments...};
+    return call_method_vector(name, stack.data() + 1, sizeof...(arguments) + 1);
 }
 
 /// A new text that holds `value`.

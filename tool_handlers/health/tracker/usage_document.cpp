@@ -3,11 +3,11 @@
 
 #include "health/host/database.hpp"
 #include "health/host/registry.hpp"
-#include "health/python/dict.hpp"
 #include "health/python/numbers.hpp"
 #include "health/python/recover.hpp"
 #include "health/records/constants.hpp"
 #include "health/tracker/consistency.hpp"
+#include "health/tracker/document_reader.hpp"
 #include "health/tracker/document_writer.hpp"
 #include "health/tracker/tracker.hpp"
 #include "health/tracker/usage_entries.hpp"
@@ -35,68 +35,26 @@ Ref fetch_document(const Database& database) {
     return PyUnicode_Check(value.get()) ? std::move(value) : py::none();
 }
 
-/// A member that every element of the document must have.
-Ref member(const Host& host, PyObject* element, Name name) {
-    PyObject* key = host.names[name];
-    if (!PyDict_CheckExact(element)) {
-        return py::get_item(element, key);
-    }
-    PyObject* value = py::find(element, key);
-    if (value == nullptr) {
-        PyErr_SetObject(PyExc_KeyError, key);
-        py::throw_current();
-    }
-    return Ref::borrow(value);
-}
-
-Ref as_text(const Ref& value) {
-    return Ref::steal(PyObject_Str(value.get()));
-}
-
-/// Adds one element of the document to the loaded table.
-void load_element(const Host& host, PyObject* loaded, PyObject* element) {
-    const Ref tool = as_text(member(host, element, Name::tool));
-    const Ref action = member(host, element, Name::action);
-    const Ref outcome = as_text(member(host, element, Name::outcome));
-    const Ref alias_hit = py::boolean(py::is_true(member(host, element, Name::alias_hit).get()));
-    const Ref key = py::make_tuple(tool.get(), action.get(), outcome.get(), alias_hit.get());
-    const Ref call_count = Ref::steal(PyNumber_Long(member(host, element, Name::calls).get()));
-    const Ref timed_count = Ref::steal(PyNumber_Long(member(host, element, Name::timed_calls).get()));
-    const Ref total = Ref::steal(PyNumber_Float(member(host, element, Name::total_ms).get()));
-    const Ref usage = make_usage(host, call_count.get(), timed_count.get(), total.get());
-    py::check(PyDict_SetItem(loaded, key.get(), usage.get()));
-}
-
-/// The table that a stored text holds: usage key to record, in the document's order.
-Ref parse_document(const Host& host, PyObject* text) {
-    Ref loaded = Ref::steal(PyDict_New());
-    if (text == Py_None) {
-        return loaded;
-    }
-    const Ref document = py::call_method(host.get(Name::json).get(), host.names[Name::loads], text);
-    if (PyDict_Check(document.get()) && PyDict_GET_SIZE(document.get()) == 0) {
-        return loaded;
-    }
-    if (!PyList_Check(document.get())) {
-        py::raise(PyExc_TypeError, "the usage document must be an array, not %.100s", Py_TYPE(document.get())->tp_name);
-    }
-    for (Py_ssize_t index = 0; index < PyList_GET_SIZE(document.get()); ++index) {
-        const Ref element = Ref::borrow(PyList_GET_ITEM(document.get(), index));
-        load_element(host, loaded.get(), element.get());
-    }
-    return loaded;
-}
-
-/// The entries of `loaded` whose tool and action the registry still has, in their order.
-Ref keep_known(const Host& host, PyObject* loaded) {
-    Ref kept = Ref::steal(PyDict_New());
-    for (const UsageEntry& entry : list_entries(loaded)) {
+/// The entries of a loaded table whose tool and action the registry still has, in their order: the table itself where
+/// that is all of them.
+Ref keep_known(const Host& host, Ref loaded) {
+    const py::Vector<UsageEntry> entries = list_entries(loaded.get());
+    py::Vector<const UsageEntry*> kept;
+    kept.reserve(entries.size());
+    for (const UsageEntry& entry : entries) {
         const UsageKey key = take_apart(entry.key.get());
         if (is_known(host, key.tool.get(), key.action.get())) {
-            py::check(PyDict_SetItem(kept.get(), entry.key.get(), entry.record.get()));
+            kept.push_back(&entry);
         }
     }
-    return kept;
+    if (kept.size() == entries.size()) {
+        return loaded;
+    }
+    Ref table = Ref::steal(PyDict_New());
+    for (const UsageEntry* entry : kept) {
+        py::check(PyDict_SetItem(table.get(), entry->key.get(), entry->record.get()));
+    }
+    return table;
 }
 
 // Writing.
@@ -146,14 +104,15 @@ void load_usage(Tracker& tracker, const Host& host) {
     Ref loaded;
     const auto read = [&] {
         const Database database(host, require(tracker.repo, "_repo"));
-        loaded = parse_document(host, fetch_document(database).get());
+        loaded = read_document(host, fetch_document(database).get());
     };
     const auto complain = [&](PyObject* error) { warn(host, "Could not read the tool usage counts: %s", error); };
     if (!py::guarded(read, complain)) {
         return;
     }
-    const Ref kept = keep_known(host, loaded.get());
-    Ref mark = py::boolean(PyDict_GET_SIZE(kept.get()) < PyDict_GET_SIZE(loaded.get()));
+    const Py_ssize_t loaded_count = PyDict_GET_SIZE(loaded.get());
+    const Ref kept = keep_known(host, std::move(loaded));
+    Ref mark = py::boolean(PyDict_GET_SIZE(kept.get()) < loaded_count);
     const py::LockGuard guard(host.locks, require(tracker.lock, "_lock"));
     const Ref usage = hold_usage(tracker);
     py::check(PyDict_Update(usage.get(), kept.get()));
