@@ -55,6 +55,7 @@ private:
         return {.function_type = state_.function_type, .module = module_, .context = &state_.host};
     }
     void bind(const char* name, const Ref& value) { py::check(PyModule_AddObjectRef(module_, name, value.get())); }
+    Ref make_empty(std::span<const Name> keys);
     Ref bind_import(const char* module_name);
     void bind_from(const char* module_name, std::initializer_list<const char*> names);
     Ref bind_function(const py::Definition& definition);
@@ -72,7 +73,18 @@ void Binder::prepare() {
     const Ref threads = Ref::steal(PyImport_ImportModule("_thread"));
     host().locks = py::LockMethods(py::get_attribute(threads.get(), "LockType").get());
     host().enabled_answer = py::make_tuple(Py_False, Py_None).release();
+    host().empty_record = make_empty(health_record_keys).release();
+    host().empty_row = make_empty(usage_row_keys).release();
     state_.function_type = reinterpret_cast<PyTypeObject*>(py::make_function_type(module_).release());
+}
+
+/// A dictionary with these keys and nothing under them.
+Ref Binder::make_empty(std::span<const Name> keys) {
+    Ref empty = Ref::steal(PyDict_New());
+    for (const Name key : keys) {
+        py::check(PyDict_SetItem(empty.get(), host().names[key], Py_None));
+    }
+    return empty;
 }
 
 Ref Binder::bind_import(const char* module_name) {

@@ -25,6 +25,8 @@ int Host::traverse(visitproc visit, void* arg) const {
     Py_VISIT(own.usage_rows);
     Py_VISIT(globals);
     Py_VISIT(enabled_answer);
+    Py_VISIT(empty_record);
+    Py_VISIT(empty_row);
     const int stopped = records.tool_state.traverse(visit, arg);
     if (stopped != 0) {
         return stopped;
@@ -45,6 +47,8 @@ void Host::clear() {
     Py_CLEAR(own.usage_rows);
     Py_CLEAR(globals);
     Py_CLEAR(enabled_answer);
+    Py_CLEAR(empty_record);
+    Py_CLEAR(empty_row);
     records.tool_state.clear();
     records.usage.clear();
     clock.clear();

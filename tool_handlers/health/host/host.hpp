@@ -33,6 +33,10 @@ struct Host {
     PyObject* globals = nullptr;
     /// `(False, None)`, the answer for a tool that may be called.
     PyObject* enabled_answer = nullptr;
+    /// Dictionaries with the keys of a health record and of a usage row in their order: a copy of one, filled in, costs
+    /// less than a new dictionary.
+    PyObject* empty_record = nullptr;
+    PyObject* empty_row = nullptr;
 
     /// The value of a name in the module's namespace, as it is now. Runs no Python code; throws a NameError.
     [[nodiscard]] py::Ref get(Name name) const;

@@ -48,15 +48,14 @@ Ref DocumentWriter::write(const py::Vector<DocumentEntry>& entries) {
 }
 
 void DocumentWriter::add_entry(const DocumentEntry& entry) {
-    const UsageKey key = take_apart(entry.key.get());
     out_ += '{';
-    add_member("tool", key.tool.get());
+    add_member("tool", member_of(entry.key, key_tool));
     out_ += ',';
-    add_member("action", key.action.get());
+    add_member("action", member_of(entry.key, key_action));
     out_ += ',';
-    add_member("outcome", key.outcome.get());
+    add_member("outcome", member_of(entry.key, key_outcome));
     out_ += ',';
-    add_member("alias_hit", key.alias_hit.get());
+    add_member("alias_hit", member_of(entry.key, key_alias_hit));
     out_ += ',';
     add_member("calls", entry.calls.get());
     out_ += ',';

@@ -18,7 +18,7 @@ inline constexpr int total_decimals = 3;
 
 /// One entry of the document: a usage key with its counts, as they were under the lock.
 struct DocumentEntry {
-    py::Ref key;
+    py::Ref key;  // of `key_tuple`
     py::Ref calls;
     py::Ref timed_calls;
     py::Ref total_ms;  // rounded already, unless it is a float

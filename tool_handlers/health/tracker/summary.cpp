@@ -17,23 +17,19 @@ namespace {
 
 constexpr int average_decimals = 2;
 
-/// A usage key with the counts that its row shows.
-struct UsageLine {
-    Ref action;
-    Ref outcome;
-    Ref alias_hit;
-    Ref calls;
-    Ref timed_calls;
-    Ref total_ms;
+/// A usage row in the making. All but its last member, "slow", is filled in before any Python code can run.
+struct Row {
+    Ref key;  // of `key_tuple`
+    Ref mapping;
 };
 
-using Lines = py::Vector<UsageLine>;
+using Rows = py::Vector<Row>;
 
 /// A tool as the summary lists it.
 struct Listed {
     Ref name;
     Ref state;
-    Lines lines;
+    Rows rows;
 };
 
 Ref minus(PyObject* number) {
@@ -51,16 +47,6 @@ bool read_plain(PyObject* number, long& value) {
 
 // Usage rows.
 
-UsageLine read_line(const Host& host, UsageKey key, PyObject* record) {
-    const UsageView usage = host.usage(record);
-    return {.action = std::move(key.action),
-            .outcome = std::move(key.outcome),
-            .alias_hit = std::move(key.alias_hit),
-            .calls = usage.get(UsageFields::calls),
-            .timed_calls = usage.get(UsageFields::timed_calls),
-            .total_ms = usage.get(UsageFields::total_ms)};
-}
-
 /// `round(total / timed, 2)`.
 Ref average_by_runtime(PyObject* total_ms, PyObject* timed_calls) {
     const Ref quotient = Ref::steal(PyNumber_TrueDivide(total_ms, timed_calls));
@@ -68,32 +54,30 @@ Ref average_by_runtime(PyObject* total_ms, PyObject* timed_calls) {
 }
 
 /// The mean time of a handler in milliseconds, None where none was timed.
-Ref average(const UsageLine& line) {
+Ref average(PyObject* total_ms, PyObject* timed_calls) {
     constexpr long exact_in_double = 1L << 53;
-    if (!py::is_true(line.timed_calls.get())) {
-        return py::none();
-    }
     long timed = 0;
-    if (PyFloat_CheckExact(line.total_ms.get()) && read_plain(line.timed_calls.get(), timed) && timed > 0 &&
-        timed < exact_in_double) {
-        const double quotient = PyFloat_AS_DOUBLE(line.total_ms.get()) / static_cast<double>(timed);
+    if (PyFloat_CheckExact(total_ms) && read_plain(timed_calls, timed) && timed > 0 && timed < exact_in_double) {
+        const double quotient = PyFloat_AS_DOUBLE(total_ms) / static_cast<double>(timed);
         return Ref::steal(PyFloat_FromDouble(py::round_to(quotient, average_decimals)));
     }
-    return average_by_runtime(line.total_ms.get(), line.timed_calls.get());
+    return py::is_true(timed_calls) ? average_by_runtime(total_ms, timed_calls) : py::none();
 }
 
 void put(const Host& host, PyObject* mapping, Name name, PyObject* value) {
     py::check(PyDict_SetItem(mapping, host.names[name], value));
 }
 
-Ref make_row(const Host& host, PyObject* tool_name, const UsageLine& line) {
-    Ref row = Ref::steal(PyDict_New());
-    put(host, row.get(), Name::action, line.action.get());
-    put(host, row.get(), Name::outcome, line.outcome.get());
-    put(host, row.get(), Name::alias_hit, line.alias_hit.get());
-    put(host, row.get(), Name::calls, line.calls.get());
-    put(host, row.get(), Name::avg_ms, average(line).get());
-    put(host, row.get(), Name::slow, is_slow_call(host, tool_name, line.action.get()).get());
+Row make_row(const Host& host, const UsageEntry& entry) {
+    const UsageView usage = host.usage(entry.record.get());
+    Row row{.key = key_tuple(entry.key.get()), .mapping = Ref::steal(PyDict_Copy(host.empty_row))};
+    put(host, row.mapping.get(), Name::action, member_of(row.key, key_action));
+    put(host, row.mapping.get(), Name::outcome, member_of(row.key, key_outcome));
+    put(host, row.mapping.get(), Name::alias_hit, member_of(row.key, key_alias_hit));
+    put(host, row.mapping.get(), Name::calls, usage.get(UsageFields::calls).get());
+    const Ref total_ms = usage.get(UsageFields::total_ms);
+    const Ref timed_calls = usage.get(UsageFields::timed_calls);
+    put(host, row.mapping.get(), Name::avg_ms, average(total_ms.get(), timed_calls.get()).get());
     return row;
 }
 
@@ -119,51 +103,56 @@ struct RowKey {
     }
 };
 
-/// The keys of lines of plain values only; empty if any is not plain.
-py::Vector<RowKey> plain_row_keys(const Host& host, const Lines& lines) {
+Ref calls_of(const Host& host, const Row& row) {
+    return py::get_item(row.mapping.get(), host.names[Name::calls]);
+}
+
+/// The keys of rows of plain values only; fewer than there are rows if any is not plain.
+py::Vector<RowKey> plain_row_keys(const Host& host, const Rows& rows) {
     py::Vector<RowKey> keys;
-    keys.reserve(lines.size());
-    for (const UsageLine& line : lines) {
-        PyObject* action = line.action.get() == Py_None ? host.names[Name::None] : line.action.get();
+    keys.reserve(rows.size());
+    for (const Row& row : rows) {
+        PyObject* action = member_of(row.key, key_action);
+        PyObject* alias_hit = member_of(row.key, key_alias_hit);
         RowKey key{.calls = 0,
-                   .action = action,
-                   .outcome = line.outcome.get(),
-                   .alias_hit = line.alias_hit.get() == Py_True,
+                   .action = action == Py_None ? host.names[Name::None] : action,
+                   .outcome = member_of(row.key, key_outcome),
+                   .alias_hit = alias_hit == Py_True,
                    .position = keys.size()};
-        if (!PyUnicode_CheckExact(action) || !PyUnicode_CheckExact(key.outcome) ||
-            !PyBool_Check(line.alias_hit.get()) || !read_plain(line.calls.get(), key.calls)) {
-            return {};
+        if (!PyUnicode_CheckExact(key.action) || !PyUnicode_CheckExact(key.outcome) || !PyBool_Check(alias_hit) ||
+            !read_plain(calls_of(host, row).get(), key.calls)) {
+            break;
         }
         keys.push_back(key);
     }
     return keys;
 }
 
-Order order_of_rows(const Host& host, const Lines& lines) {
-    py::Vector<RowKey> keys = plain_row_keys(host, lines);
-    if (keys.size() == lines.size()) {
+Order order_of_rows(const Host& host, const Rows& rows) {
+    py::Vector<RowKey> keys = plain_row_keys(host, rows);
+    if (keys.size() == rows.size()) {
         return order_natively(std::move(keys));
     }
-    return order_by_runtime(lines.size(), [&](std::size_t index) {
-        const UsageLine& line = lines[index];
-        const Ref action = Ref::steal(PyObject_Str(line.action.get()));
-        return py::make_tuple(minus(line.calls.get()).get(), action.get(), line.outcome.get(), line.alias_hit.get());
+    return order_by_runtime(rows.size(), [&](std::size_t index) {
+        const Row& row = rows[index];
+        const Ref calls = minus(calls_of(host, row).get());
+        const Ref action = Ref::steal(PyObject_Str(member_of(row.key, key_action)));
+        return py::make_tuple(calls.get(), action.get(), member_of(row.key, key_outcome),
+                              member_of(row.key, key_alias_hit));
     });
 }
 
-/// The rows of one tool in their order.
-Ref make_rows(const Host& host, PyObject* tool_name, const Lines& lines) {
-    py::Vector<Ref> rows;
-    rows.reserve(lines.size());
-    for (const UsageLine& line : lines) {
-        rows.push_back(make_row(host, tool_name, line));
+/// Completes the rows of one tool and lists them in their order.
+Ref list_rows(const Host& host, PyObject* tool_name, const Rows& rows) {
+    for (const Row& row : rows) {
+        const Ref slow = is_slow_call(host, tool_name, member_of(row.key, key_action));
+        put(host, row.mapping.get(), Name::slow, slow.get());
     }
-    const Order order = order_of_rows(host, lines);
-    Ref sorted = Ref::steal(PyList_New(static_cast<Py_ssize_t>(rows.size())));
-    for (std::size_t place = 0; place < order.size(); ++place) {
-        PyList_SET_ITEM(sorted.get(), static_cast<Py_ssize_t>(place), rows[order[place]].release());
+    Ref list = Ref::steal(PyList_New(0));
+    for (const std::size_t place : order_of_rows(host, rows)) {
+        py::check(PyList_Append(list.get(), rows[place].mapping.get()));
     }
-    return sorted;
+    return list;
 }
 
 // The tools.
@@ -193,7 +182,7 @@ private:
 Listed& Listing::append(PyObject* name, Ref state) {
     const Ref place = Ref::steal(PyLong_FromSize_t(tools_.size()));
     py::check(PyDict_SetItem(places_.get(), name, place.get()));
-    tools_.push_back({.name = Ref::borrow(name), .state = std::move(state), .lines = {}});
+    tools_.push_back({.name = Ref::borrow(name), .state = std::move(state), .rows = {}});
     return tools_.back();
 }
 
@@ -209,15 +198,17 @@ Listed& Listing::place_of(PyObject* name) {
 }
 
 void Listing::add_usage(PyObject* usage) {
+    const py::Vector<UsageEntry> entries = list_entries(usage);
     PyObject* last_tool = nullptr;  // the keys of one tool often follow each other
     Listed* listed = nullptr;
-    for (const UsageEntry& entry : list_entries(usage)) {
-        UsageKey key = take_apart(entry.key.get());
-        if (key.tool.get() != last_tool) {
-            listed = &place_of(key.tool.get());
-            last_tool = PyTuple_CheckExact(entry.key.get()) ? key.tool.get() : nullptr;  // the tuple keeps it alive
+    for (const UsageEntry& entry : entries) {
+        Row row = make_row(host_, entry);
+        PyObject* tool = member_of(row.key, key_tool);
+        if (tool != last_tool) {
+            listed = &place_of(tool);
+            last_tool = tool;
         }
-        listed->lines.push_back(read_line(host_, std::move(key), entry.record.get()));
+        listed->rows.push_back(std::move(row));
     }
 }
 
@@ -260,15 +251,19 @@ Order Listing::worst_first() const {
 /// One health record. `usage` are the tool's rows.
 Ref make_record(const Host& host, const Listed& tool, const Ref& usage) {
     const ToolStateView state = host.tool_state(tool.state.get());
-    const Ref disabled_at = state.get(ToolStateFields::disabled_at);
-    Ref record = Ref::steal(PyDict_New());
+    Ref record = Ref::steal(PyDict_Copy(host.empty_record));
+    const auto put_field = [&](Name name, ToolStateFields::Field field) {
+        put(host, record.get(), name, state.get(field).get());
+    };
     put(host, record.get(), Name::tool_name, tool.name.get());
-    put(host, record.get(), Name::call_count, state.get(ToolStateFields::call_count).get());
-    put(host, record.get(), Name::error_count, state.get(ToolStateFields::error_count).get());
-    put(host, record.get(), Name::last_error, state.get(ToolStateFields::last_error).get());
+    put_field(Name::call_count, ToolStateFields::call_count);
+    put_field(Name::error_count, ToolStateFields::error_count);
+    put_field(Name::last_error, ToolStateFields::last_error);
+    const Ref disabled_at = state.get(ToolStateFields::disabled_at);
     put(host, record.get(), Name::disabled, py::boolean(disabled_at.get() != Py_None).get());
     put(host, record.get(), Name::disabled_at, sqlite_time(host, disabled_at.get()).get());
-    put(host, record.get(), Name::updated_at, sqlite_time(host, state.get(ToolStateFields::updated_at).get()).get());
+    const Ref updated_at = state.get(ToolStateFields::updated_at);
+    put(host, record.get(), Name::updated_at, sqlite_time(host, updated_at.get()).get());
     put(host, record.get(), Name::usage, usage.get());
     return record;
 }
@@ -293,21 +288,21 @@ Ref health_summary(Tracker& tracker, const Host& host) {
     for (const std::size_t place : listing.worst_first()) {
         const Listed& tool = listing.tools()[place];
         const Ref rows =
-            override ? py::call(override.get(), tool.name.get()) : make_rows(host, tool.name.get(), tool.lines);
+            override ? py::call(override.get(), tool.name.get()) : list_rows(host, tool.name.get(), tool.rows);
         py::check(PyList_Append(records.get(), make_record(host, tool, rows).get()));
     }
     return records;
 }
 
 Ref usage_rows(Tracker& tracker, const Host& host, PyObject* tool_name) {
-    Lines lines;
+    Rows rows;
     for (const UsageEntry& entry : list_entries(hold_usage(tracker).get())) {
-        UsageKey key = take_apart(entry.key.get());
-        if (py::compares(key.tool.get(), tool_name, Py_EQ)) {
-            lines.push_back(read_line(host, std::move(key), entry.record.get()));
+        const Ref key = key_tuple(entry.key.get());
+        if (py::compares(member_of(key, key_tool), tool_name, Py_EQ)) {
+            rows.push_back(make_row(host, entry));
         }
     }
-    return make_rows(host, tool_name, lines);
+    return list_rows(host, tool_name, rows);
 }
 
 }  // namespace health

@@ -87,6 +87,12 @@ py::Ref has_unsaved_changes(Tracker& tracker, const Host& host);
 
 // The summary (summary.cpp).
 
+/// The keys of a health record and of a usage row, in their order.
+inline constexpr std::array health_record_keys{Name::tool_name, Name::call_count,  Name::error_count, Name::last_error,
+                                               Name::disabled,  Name::disabled_at, Name::updated_at,  Name::usage};
+inline constexpr std::array usage_row_keys{Name::action, Name::outcome, Name::alias_hit,
+                                           Name::calls,  Name::avg_ms,  Name::slow};
+
 /// One record per tool, the worst first. Holds the lock for its whole run.
 py::Ref health_summary(Tracker& tracker, const Host& host);
 /// A tool's usage rows, most calls first. The caller holds the lock.

@@ -42,8 +42,7 @@ Ref keep_known(const Host& host, Ref loaded) {
     py::Vector<const UsageEntry*> kept;
     kept.reserve(entries.size());
     for (const UsageEntry& entry : entries) {
-        const UsageKey key = take_apart(entry.key.get());
-        if (is_known(host, key.tool.get(), key.action.get())) {
+        if (is_known(host, member_of(entry.key, key_tool), member_of(entry.key, key_action))) {
             kept.push_back(&entry);
         }
     }
@@ -81,7 +80,7 @@ std::optional<py::Vector<DocumentEntry>> take_snapshot(Tracker& tracker, const H
         Ref call_count = usage.get(calls);
         Ref timed_count = usage.get(timed_calls);
         Ref total = rounded_total(usage.get(total_ms));
-        snapshot.push_back({std::move(entry.key), std::move(call_count), std::move(timed_count), std::move(total)});
+        snapshot.push_back({key_tuple(entry.key.get()), std::move(call_count), std::move(timed_count), std::move(total)});
     }
     old_mark = Ref::steal_optional(std::exchange(tracker.usage_dirty, Py_NewRef(Py_False)));
     return snapshot;

@@ -16,9 +16,12 @@ py::Vector<UsageEntry> list_entries(PyObject* usage) {
     return entries;
 }
 
-UsageKey take_apart(PyObject* key) {
-    auto [tool, action, outcome, alias_hit] = py::unpack<4>(key);
-    return {std::move(tool), std::move(action), std::move(outcome), std::move(alias_hit)};
+Ref key_tuple(PyObject* key) {
+    if (PyTuple_CheckExact(key) && PyTuple_GET_SIZE(key) == 4) {
+        return Ref::borrow(key);
+    }
+    const auto [tool, action, outcome, alias_hit] = py::unpack<4>(key);
+    return py::make_tuple(tool.get(), action.get(), outcome.get(), alias_hit.get());
 }
 
 }  // namespace health

@@ -18,15 +18,16 @@ struct UsageEntry {
 /// dictionary whatever happens to that later.
 py::Vector<UsageEntry> list_entries(PyObject* usage);
 
-/// The members of a usage key.
-struct UsageKey {
-    py::Ref tool;
-    py::Ref action;
-    py::Ref outcome;
-    py::Ref alias_hit;
-};
+/// The places of a usage key's members.
+enum KeyMember : unsigned char { key_tool, key_action, key_outcome, key_alias_hit };
 
-/// Takes a key apart. Runs Python code only if it is not a tuple; throws what an unpacking raises.
-UsageKey take_apart(PyObject* key);
+/// A usage key as a tuple of its four members. Runs Python code only if it is not a tuple already; throws what an
+/// unpacking into four raises.
+py::Ref key_tuple(PyObject* key);
+
+/// A member of such a tuple, borrowed.
+inline PyObject* member_of(const py::Ref& key, KeyMember member) {
+    return PyTuple_GET_ITEM(key.get(), member);
+}
 
 }  // namespace health
