@@ -253,7 +253,7 @@ def render(value: Any) -> str:
 
 # Operations that walk over everything the tracker has. Where they meet several values that cannot be
 # shown or stored, they agree on failing, but not on which of them to name.
-WHOLE = ("tracker.flush", "tracker._flush", "tracker.get_health_summary")
+WHOLE = ("tracker.flush", "tracker._flush", "tracker.get_health_summary", "tracker._usage_rows")
 
 # A step: its description, and what it does to a side.
 Step = tuple[str, Callable[[Side], Any]]

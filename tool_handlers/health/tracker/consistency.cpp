@@ -25,7 +25,7 @@ bool is_chain_of_names(PyObject* owed) {
 }  // namespace
 
 void assert_consistent(const Tracker& tracker) {
-    require_that(tracker.known_states.is_consistent(tracker.state), "a tracker remembers a wrong tool state");
+    require_that(tracker.known_states.is_consistent(tracker.state), "a tracker takes odd tool names for plain ones");
     require_that(tracker.known_usage.is_consistent(tracker.usage), "a tracker remembers a wrong usage record");
     require_that(is_chain_of_names(tracker.owed), "a tracker's owed marks are no chain");
 }

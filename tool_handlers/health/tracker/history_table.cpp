@@ -135,7 +135,7 @@ void load(Tracker& tracker, const Host& host) {
     }
     const py::LockGuard guard(host.locks, require(tracker.lock, "_lock"));
     for_each_row(rows.get(), [&](PyObject* row) { seed_row(tracker, host, row); });
-    tracker.known_states.learn(hold_state(tracker).get(), host.records.tool_state.get());
+    tracker.known_states.learn(hold_state(tracker).get());
     assert_consistent(tracker);
 }
 

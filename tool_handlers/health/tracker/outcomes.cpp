@@ -41,7 +41,7 @@ PyObject* find_quietly(const Tracker& tracker, Host& host, PyObject* tool_name) 
         !host.clock.is_quiet(host.names, host.globals)) {
         return nullptr;
     }
-    PyObject* record = tracker.known_states.find(tracker.state, {tool_name});
+    PyObject* record = tracker.known_states.find(tracker.state, tool_name);
     return record != nullptr && has_plain_counts(host.tool_state(record)) ? record : nullptr;
 }
 
@@ -53,7 +53,7 @@ Ref read_clock(Host& host, const py::LockGuard& guard) {
 /// Begins an update of the tool's record, or of a new one. The lock is held.
 void begin(StateUpdate& update, Tracker& tracker, const Host& host, PyObject* tool_name) {
     const Ref states = hold_state(tracker);
-    tracker.known_states.notice_miss(states.get(), host.records.tool_state.get());
+    tracker.known_states.notice_miss(states.get());
     PyObject* found = py::find(states.get(), tool_name);
     update.begin(found == nullptr ? make_tool_state(host) : Ref::borrow(found), found == nullptr);
 }
@@ -88,7 +88,7 @@ Ref shorten(PyObject* error) {
 /// The quiet section of `is_disabled`, for a tool that is known and enabled: by far the most questions end here.
 /// False where it takes more to know the answer.
 bool is_enabled_quietly(const Tracker& tracker, const Host& host, PyObject* tool_name) {
-    PyObject* record = tracker.known_states.find(tracker.state, {tool_name});
+    PyObject* record = tracker.known_states.find(tracker.state, tool_name);
     return record != nullptr && host.tool_state(record).peek(disabled_at) == Py_None &&
            host.locks.is_free(require(tracker.lock, "_lock"));
 }
@@ -156,7 +156,7 @@ Ref is_disabled(Tracker& tracker, Host& host, PyObject* tool_name) {
     StateUpdate update;
     const py::LockGuard guard(host.locks, require(tracker.lock, "_lock"));
     const Ref states = hold_state(tracker);
-    tracker.known_states.notice_miss(states.get(), host.records.tool_state.get());
+    tracker.known_states.notice_miss(states.get());
     PyObject* found = py::find(states.get(), tool_name);
     if (found == nullptr) {
         return Ref::borrow(host.enabled_answer);

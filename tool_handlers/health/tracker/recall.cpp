@@ -3,8 +3,7 @@
 #include <algorithm>
 #include <bit>
 #include <span>
-
-#include "health/python/dict.hpp"
+#include <utility>
 
 namespace health {
 
@@ -16,25 +15,24 @@ inline bool is_plain_part(PyObject* part) {
     return PyUnicode_CheckExact(part) || part == Py_None || PyBool_Check(part);
 }
 
-/// The parts of a key that is known to have that many.
-template <std::size_t parts>
-inline std::span<PyObject* const, parts> parts_of(PyObject* const& key) {
-    if constexpr (parts == 1) {
-        return std::span<PyObject* const, 1>(&key, 1);
-    } else {
-        return std::span<PyObject* const, parts>(&PyTuple_GET_ITEM(key, 0), parts);
-    }
+/// The parts of a usage key, which is a tuple of that many.
+inline std::span<PyObject* const, UsageRecall::parts> parts_of(PyObject* key) {
+    return std::span<PyObject* const, UsageRecall::parts>(&PyTuple_GET_ITEM(key, 0), UsageRecall::parts);
 }
 
-/// Whether a key of a mapping is plain.
-template <std::size_t parts>
 bool is_plain(PyObject* key) {
-    if constexpr (parts > 1) {
-        if (!PyTuple_CheckExact(key) || PyTuple_GET_SIZE(key) != parts) {
-            return false;
-        }
+    return PyTuple_CheckExact(key) && PyTuple_GET_SIZE(key) == UsageRecall::parts &&
+           std::ranges::all_of(parts_of(key), is_plain_part);
+}
+
+bool has_plain_keys(PyObject* states) {
+    Py_ssize_t position = 0;
+    PyObject* key = nullptr;
+    bool are_plain = PyDict_CheckExact(states);
+    while (are_plain && PyDict_Next(states, &position, &key, nullptr) != 0) {
+        are_plain = PyUnicode_CheckExact(key);
     }
-    return std::ranges::all_of(parts_of<parts>(key), is_plain_part);
+    return are_plain;
 }
 
 inline std::size_t hash_of(PyObject* part) {
@@ -45,8 +43,7 @@ inline std::size_t hash_of(PyObject* part) {
     return static_cast<std::size_t>(known != -1 ? known : PyObject_Hash(part));
 }
 
-template <std::size_t parts>
-inline std::size_t hash_of(const std::array<PyObject*, parts>& key) {
+inline std::size_t hash_of(const UsageRecall::Key& key) {
     constexpr std::size_t multiplier = 0x9E3779B97F4A7C15;  // 2^64 over the golden ratio: spreads nearby hashes
     std::size_t hash = 0;
     for (PyObject* part : key) {
@@ -62,86 +59,98 @@ inline bool is_same(PyObject* left, PyObject* right) {
 
 }  // namespace
 
-template <std::size_t parts>
-bool Recall<parts>::is_current(PyObject* mapping) const {
-    return mapping == mapping_ && mapping != nullptr && py::version_of(mapping) == version_;
+PyObject* StateRecall::find(PyObject* states, PyObject* name) const {
+    return watch_.is_current(states) && PyUnicode_CheckExact(name) ? PyDict_GetItemWithError(states, name) : nullptr;
 }
 
-template <std::size_t parts>
-typename Recall<parts>::Entry& Recall<parts>::place_of(const Key& key) const {
+void StateRecall::notice_miss(PyObject* states) {
+    if (!watch_.is_current(states) && watch_.is_worth_learning(states)) {
+        learn(states);
+    }
+}
+
+void StateRecall::learn(PyObject* states) {
+    watch_ = {};
+    if (has_plain_keys(states)) {
+        watch_.set(states);
+    }
+}
+
+bool StateRecall::is_consistent(PyObject* states) const {
+    return !watch_.is_current(states) || has_plain_keys(states);
+}
+
+void StateRecall::insert(PyObject* states, PyObject* name, PyObject* record) {
+    // Only where all keys are plain is it certain that the assignment runs no Python code that changes more.
+    const bool are_plain = watch_.is_current(states) && PyUnicode_CheckExact(name);
+    py::check(PyDict_SetItem(states, name, record));
+    if (are_plain) {
+        watch_.set(states);
+    }
+}
+
+UsageRecall::Entry& UsageRecall::place_of(const Key& key) const {
     const std::size_t mask = size_ - 1;
     std::size_t index = hash_of(key) & mask;
-    while (table_[index].key != nullptr && !std::ranges::equal(parts_of<parts>(table_[index].key), key, is_same)) {
+    while (table_[index].key != nullptr && !std::ranges::equal(parts_of(table_[index].key), key, is_same)) {
         index = (index + 1) & mask;
     }
     return table_[index];
 }
 
-template <std::size_t parts>
-PyObject* Recall<parts>::find(PyObject* mapping, const Key& key) const {
-    if (!is_current(mapping) || !std::ranges::all_of(key, is_plain_part)) {
+PyObject* UsageRecall::find(PyObject* usage, const Key& key) const {
+    if (!watch_.is_current(usage) || !std::ranges::all_of(key, is_plain_part)) {
         return nullptr;
     }
     return place_of(key).record;
 }
 
-template <std::size_t parts>
-void Recall<parts>::notice_miss(PyObject* mapping, PyObject* record_type) {
-    // An unknown key of a current mapping is news to the mapping, too. A mapping that others keep changing is walked
-    // over only once for so many questions that the walk is a fixed share of the cost of each.
-    constexpr std::size_t keys_per_miss = 8;
-    if (!is_current(mapping) && ++misses_ * keys_per_miss > static_cast<std::size_t>(PyDict_GET_SIZE(mapping))) {
-        learn(mapping, record_type);
+void UsageRecall::notice_miss(PyObject* usage, PyObject* record_type) {
+    if (!watch_.is_current(usage) && watch_.is_worth_learning(usage)) {
+        learn(usage, record_type);
     }
 }
 
-template <std::size_t parts>
-void Recall<parts>::learn(PyObject* mapping, PyObject* record_type) {
+void UsageRecall::learn(PyObject* usage, PyObject* record_type) {
     forget();
-    if (!PyDict_CheckExact(mapping) || !reserve(static_cast<std::size_t>(PyDict_GET_SIZE(mapping)))) {
+    if (!PyDict_CheckExact(usage) || !reserve(static_cast<std::size_t>(PyDict_GET_SIZE(usage)))) {
         return;
     }
     Py_ssize_t position = 0;
     PyObject* key = nullptr;
     PyObject* record = nullptr;
-    while (PyDict_Next(mapping, &position, &key, &record) != 0) {
-        if (is_plain<parts>(key) && reinterpret_cast<PyObject*>(Py_TYPE(record)) == record_type) {
+    while (PyDict_Next(usage, &position, &key, &record) != 0) {
+        if (is_plain(key) && reinterpret_cast<PyObject*>(Py_TYPE(record)) == record_type) {
             put(key, record);
         }
     }
-    mapping_ = mapping;
-    version_ = py::version_of(mapping);
+    watch_.set(usage);
 }
 
-template <std::size_t parts>
-void Recall<parts>::insert(PyObject* mapping, PyObject* key, PyObject* record) {
-    // Only where all keys are plain is it certain that the assignment runs no Python code that changes more.
-    const bool is_complete = is_current(mapping) && count_ == static_cast<std::size_t>(PyDict_GET_SIZE(mapping)) &&
-                             is_plain<parts>(key);
-    py::check(PyDict_SetItem(mapping, key, record));
-    if (!is_complete || !reserve(count_ + 1)) {
-        return;
+void UsageRecall::insert(PyObject* usage, PyObject* key, PyObject* record) {
+    // As for states; that all keys are plain shows in that every one of them is remembered.
+    const bool is_complete =
+        watch_.is_current(usage) && count_ == static_cast<std::size_t>(PyDict_GET_SIZE(usage)) && is_plain(key);
+    py::check(PyDict_SetItem(usage, key, record));
+    if (is_complete && reserve(count_ + 1)) {
+        put(key, record);
+        watch_.set(usage);
     }
-    put(key, record);
-    version_ = py::version_of(mapping);
 }
 
-template <std::size_t parts>
-void Recall<parts>::forget() {
+void UsageRecall::forget() {
     PyMem_RawFree(table_);
     *this = {};
 }
 
-template <std::size_t parts>
-bool Recall<parts>::is_consistent(PyObject* mapping) const {
-    return !is_current(mapping) || std::ranges::all_of(std::span(table_, size_), [&](const Entry& entry) {
-        return entry.key == nullptr || PyDict_GetItemWithError(mapping, entry.key) == entry.record;
+bool UsageRecall::is_consistent(PyObject* usage) const {
+    return !watch_.is_current(usage) || std::ranges::all_of(std::span(table_, size_), [&](const Entry& entry) {
+        return entry.key == nullptr || PyDict_GetItemWithError(usage, entry.key) == entry.record;
     });
 }
 
 /// Makes room for so many keys. Without memory the recall forgets everything, which costs time only.
-template <std::size_t parts>
-bool Recall<parts>::reserve(std::size_t keys) {
+bool UsageRecall::reserve(std::size_t keys) {
     if (table_ != nullptr && keys * 2 <= size_) {
         return true;
     }
@@ -151,14 +160,8 @@ bool Recall<parts>::reserve(std::size_t keys) {
         forget();
         return false;
     }
-    const std::span old(table_, size_);
-    PyObject* mapping = mapping_;
-    const std::uint64_t version = version_;
-    *this = {};
-    table_ = table;
-    size_ = size;
-    mapping_ = mapping;
-    version_ = version;
+    const std::span old(std::exchange(table_, table), std::exchange(size_, size));
+    count_ = 0;
     for (const Entry& entry : old) {
         if (entry.key != nullptr) {
             put(entry.key, entry.record);
@@ -168,16 +171,12 @@ bool Recall<parts>::reserve(std::size_t keys) {
     return true;
 }
 
-template <std::size_t parts>
-void Recall<parts>::put(PyObject* key, PyObject* record) {
+void UsageRecall::put(PyObject* key, PyObject* record) {
     Key parts_of_key;
-    std::ranges::copy(parts_of<parts>(key), parts_of_key.begin());
+    std::ranges::copy(parts_of(key), parts_of_key.begin());
     Entry& place = place_of(parts_of_key);
     count_ += place.key == nullptr ? 1 : 0;
     place = {.key = key, .record = record};
 }
-
-template class Recall<1>;
-template class Recall<4>;
 
 }  // namespace health

@@ -1,11 +1,13 @@
-// What the tracker remembers of its own two mappings, so that a known key is neither rebuilt nor looked up anew.
+// What the tracker remembers of its own two mappings, so that a known key is found without running Python code, and a
+// usage key without being built.
 //
-// A recall holds, for every plain key of a dictionary, the record it leads to, all borrowed from the dictionary. The
-// dictionary is open to Python code; its version tells whether anything in it was changed since, and then the recall
-// is not asked until it has been learnt anew. So an answer is always what a look-up would give, and it is given
-// without running Python code, whatever else the dictionary holds.
+// Both mappings are dictionaries that Python code can see and change. A dictionary's version tells whether anything in
+// it was changed; what was learnt of it holds for that version only. So an answer is always what a look-up would give.
+// A mapping that others keep changing is learnt anew only once for so many unanswered questions that the walk over it
+// is a fixed share of the cost of each.
 //
-// A key is plain when each of its parts is exactly a str, or None, or a bool.
+// A key, or a part of one, is plain when it is exactly a str, or None or a bool within a usage key: comparing plain
+// keys runs no Python code.
 //
 // Memory of zeros is an empty recall.
 #pragma once
@@ -16,57 +18,94 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "health/python/dict.hpp"
+
 namespace health {
 
-/// `parts`: 1 for keys that are a part themselves, else the length of the tuples that are the keys.
-template <std::size_t parts>
-class Recall {
+/// Which state of which dictionary something is known of.
+class Watch {
 public:
-    using Key = std::array<PyObject*, parts>;
+    [[nodiscard]] bool is_current(PyObject* mapping) const {
+        return mapping == mapping_ && mapping != nullptr && py::version_of(mapping) == version_;
+    }
 
-    /// The record under a key, or nullptr if it is not known. Runs no Python code.
-    [[nodiscard]] PyObject* find(PyObject* mapping, const Key& key) const;
+    /// From now on it is known of the mapping as it is.
+    void set(PyObject* mapping) {
+        mapping_ = mapping;
+        version_ = py::version_of(mapping);
+        misses_ = 0;
+    }
 
-    /// Told of every question that went unanswered, with the mapping it was about: learns the mapping anew where it
-    /// has changed, once that is worth the walk over it. Values that are not exactly of `record_type` are left out.
-    void notice_miss(PyObject* mapping, PyObject* record_type);
+    /// Counts a question about a mapping that is not current; whether there were enough to learn it anew.
+    bool is_worth_learning(PyObject* mapping) {
+        constexpr std::size_t keys_per_miss = 8;
+        return ++misses_ * keys_per_miss > static_cast<std::size_t>(PyDict_GET_SIZE(mapping));
+    }
+
+private:
+    PyObject* mapping_;  // compared only, never followed
+    std::uint64_t version_;
+    std::size_t misses_;
+};
+
+/// Remembers of `_state` that all its keys are plain.
+class StateRecall {
+public:
+    /// The value under a key; nullptr if there is none, or if finding it might run Python code. Borrowed.
+    [[nodiscard]] PyObject* find(PyObject* states, PyObject* name) const;
+
+    /// Told of every question that went unanswered, with the mapping it was about.
+    void notice_miss(PyObject* states);
 
     /// Learns a mapping. Runs no Python code.
-    void learn(PyObject* mapping, PyObject* record_type);
+    void learn(PyObject* states);
 
-    /// `mapping[key] = record`, remembered. Throws what the assignment raises; runs Python code only if `key`, or a
-    /// key of the same hash, does.
-    void insert(PyObject* mapping, PyObject* key, PyObject* record);
+    /// `states[name] = record`. Throws what the assignment raises; runs Python code only if a key is not plain.
+    void insert(PyObject* states, PyObject* name, PyObject* record);
+
+    /// Whether what it knows of the mapping is true. For checks.
+    [[nodiscard]] bool is_consistent(PyObject* states) const;
+
+private:
+    Watch watch_;
+};
+
+/// Remembers which record each plain key of `_usage` leads to, all borrowed from that dictionary.
+class UsageRecall {
+public:
+    static constexpr std::size_t parts = 4;
+    using Key = std::array<PyObject*, parts>;
+
+    /// The record under a key, given by its parts, or nullptr if it is not known. Runs no Python code.
+    [[nodiscard]] PyObject* find(PyObject* usage, const Key& key) const;
+
+    /// As for states. Values that are not exactly of `record_type` are left out.
+    void notice_miss(PyObject* usage, PyObject* record_type);
+    void learn(PyObject* usage, PyObject* record_type);
+
+    /// `usage[key] = record`, remembered. As for states.
+    void insert(PyObject* usage, PyObject* key, PyObject* record);
 
     /// Forgets everything and gives the memory back.
     void forget();
 
     /// Whether every answer it would give now is what the mapping holds. For checks.
-    [[nodiscard]] bool is_consistent(PyObject* mapping) const;
+    [[nodiscard]] bool is_consistent(PyObject* usage) const;
 
 private:
     struct Entry {
-        PyObject* key;  // NULL in a free place
+        PyObject* key;  // a tuple; NULL in a free place
         PyObject* record;
     };
 
-    [[nodiscard]] bool is_current(PyObject* mapping) const;
     [[nodiscard]] Entry& place_of(const Key& key) const;
     [[nodiscard]] bool reserve(std::size_t keys);
     void put(PyObject* key, PyObject* record);
 
-    PyObject* mapping_;  // compared only, never followed
-    std::uint64_t version_;
+    Watch watch_;
     Entry* table_;  // open addressing; a power of two, at most half of it in use
     std::size_t size_;
     std::size_t count_;
-    std::size_t misses_;
 };
-
-using StateRecall = Recall<1>;
-using UsageRecall = Recall<4>;
-
-extern template class Recall<1>;
-extern template class Recall<4>;
 
 }  // namespace health

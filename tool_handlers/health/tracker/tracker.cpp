@@ -71,7 +71,6 @@ void deallocate(PyObject* self) {
     PyObject_GC_UnTrack(self);
     Py_TRASHCAN_BEGIN(self, deallocate);
     PyObject_ClearWeakRefs(self);
-    Tracker::of(self).known_states.forget();
     Tracker::of(self).known_usage.forget();
     clear(self);
     type->tp_free(self);
