@@ -129,9 +129,9 @@ void Binder::bind_from(const char* module_name, std::initializer_list<const char
 }
 
 void Binder::bind_standard_names() {
-    for (const char* name : {"json", "logging", "threading"}) {
-        bind_import(name);
-    }
+    host().own.json_loads = py::get_attribute(bind_import("json").get(), host().names[Name::loads]).release();
+    bind_import("logging");
+    bind_import("threading");
     host().clock.learn(bind_import("time").get());
     bind_from("dataclasses", {"dataclass"});
     bind_from("datetime", {"datetime", "timezone"});

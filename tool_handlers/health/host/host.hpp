@@ -15,8 +15,9 @@
 
 namespace health {
 
-/// The module's own functions as they were bound: while the namespace still holds one, it is called natively.
+/// Functions as they were when the module was imported: while nobody has replaced one, a native way serves in its place.
 struct OwnFunctions {
+    PyObject* json_loads;
     PyObject* sqlite_time;
     PyObject* epoch;
     PyObject* known;
