@@ -262,7 +262,9 @@ def history(tools: int) -> host.Repository:
         for action, outcome, alias_hit in itertools.product(ACTIONS, OUTCOMES, (False, True))
         for name in names
     ]
-    return host.Repository(host.Database(rows, json.dumps(document)))
+    return host.Repository(
+        host.Database(rows, json.dumps(document, separators=(",", ":")))  # as a flush writes it
+    )
 
 
 def _empty() -> host.Repository:
