@@ -15,7 +15,8 @@
 
 namespace health {
 
-/// Functions as they were when the module was imported: while nobody has replaced one, a native way serves in its place.
+/// Functions as they were when the module was imported: while nobody has replaced one, a native way serves in its
+/// place.
 struct OwnFunctions {
     PyObject* json_loads;
     PyObject* sqlite_time;

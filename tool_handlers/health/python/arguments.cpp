@@ -70,10 +70,10 @@ void Binding::reject_surplus(std::size_t given) const {
         std::ranges::count_if(bound.subspan(most), [](PyObject* value) { return value != nullptr; }));
     const Ref takes = defaults == 0 ? Ref::steal(PyUnicode_FromFormat("%zu", most))
                                     : Ref::steal(PyUnicode_FromFormat("from %zu to %zu", most - defaults, most));
-    const Ref also = named == 0 ? text("")
-                                : Ref::steal(PyUnicode_FromFormat(
-                                      " positional argument%s (and %zu keyword-only argument%s)",
-                                      given == 1 ? "" : "s", named, named == 1 ? "" : "s"));
+    const Ref also = named == 0
+                         ? text("")
+                         : Ref::steal(PyUnicode_FromFormat(" positional argument%s (and %zu keyword-only argument%s)",
+                                                           given == 1 ? "" : "s", named, named == 1 ? "" : "s"));
     raise(PyExc_TypeError, "%U() takes %U positional argument%s but %zu%U %s given", qualname, takes.get(),
           most == 1 && defaults == 0 ? "" : "s", given, also.get(), given == 1 && named == 0 ? "was" : "were");
 }

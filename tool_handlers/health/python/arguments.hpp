@@ -37,8 +37,8 @@ private:
                                PyObject* keywords) {
         const Py_ssize_t named = keywords == nullptr ? 0 : PyTuple_GET_SIZE(keywords);
         if (positional + named != static_cast<Py_ssize_t>(definition.parameters.size()) ||
-            (positional > 0 && definition.parameters[static_cast<std::size_t>(positional) - 1].kind ==
-                                   Kind::keyword_only)) {
+            (positional > 0 &&
+             definition.parameters[static_cast<std::size_t>(positional) - 1].kind == Kind::keyword_only)) {
             return false;
         }
         for (Py_ssize_t index = 0; index < named; ++index) {

@@ -24,7 +24,8 @@ inline Ref add(PyObject* left, PyObject* right) {
 /// `number + 1`. Runs Python code unless `number` is plain.
 inline Ref plus_one(PyObject* number) {
     if (PyLong_CheckExact(number) && PyUnstable_Long_IsCompact(reinterpret_cast<PyLongObject*>(number)) != 0) {
-        return Ref::steal(PyLong_FromSsize_t(PyUnstable_Long_CompactValue(reinterpret_cast<PyLongObject*>(number)) + 1));
+        return Ref::steal(
+            PyLong_FromSsize_t(PyUnstable_Long_CompactValue(reinterpret_cast<PyLongObject*>(number)) + 1));
     }
     const Ref one = Ref::steal(PyLong_FromLong(1));
     return add(number, one.get());

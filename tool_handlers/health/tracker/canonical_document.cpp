@@ -19,6 +19,15 @@ bool is_integer(std::string_view number) {
     return !number.empty() && std::ranges::all_of(number, is_digit) && (number.size() == 1 || number.front() != '0');
 }
 
+/// How many characters stand at the beginning that need no escape in a JSON text.
+std::size_t plain_size(std::string_view text) {
+    std::size_t size = 0;
+    while (size < text.size() && text[size] >= ' ' && text[size] <= '~' && text[size] != '"' && text[size] != '\\') {
+        ++size;
+    }
+    return size;
+}
+
 }  // namespace
 
 bool CanonicalReader::next(CanonicalElement& element) {
@@ -48,10 +57,7 @@ bool CanonicalReader::take_text(std::string_view& text) {
     if (!take("\"")) {
         return false;
     }
-    const auto end = std::ranges::find_if(rest_, [](char character) {
-        return character == '"' || character == '\\' || character < ' ' || character > '~';
-    });
-    text = rest_.substr(0, static_cast<std::size_t>(end - rest_.begin()));
+    text = rest_.substr(0, plain_size(rest_));
     rest_.remove_prefix(text.size());
     return take("\"");
 }

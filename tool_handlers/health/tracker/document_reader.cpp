@@ -54,8 +54,8 @@ public:
     PyObject* get(std::string_view characters) {
         Ref& text = texts_[std::hash<std::string_view>()(characters) % places];
         if (!text || characters_of(text.get()) != characters) {
-            text = Ref::steal(
-                PyUnicode_FromStringAndSize(characters.data(), static_cast<Py_ssize_t>(characters.size())));
+            text =
+                Ref::steal(PyUnicode_FromStringAndSize(characters.data(), static_cast<Py_ssize_t>(characters.size())));
         }
         return text.get();
     }
@@ -69,8 +69,8 @@ void add_canonical(const Host& host, PyObject* table, SharedTexts& texts, const 
     const Ref tool_text = Ref::borrow(texts.get(element.tool));
     const Ref action_text = element.action ? Ref::borrow(texts.get(*element.action)) : py::none();
     const Ref outcome_text = Ref::borrow(texts.get(element.outcome));
-    const Ref key = py::make_tuple(tool_text.get(), action_text.get(), outcome_text.get(),
-                                   element.alias_hit ? Py_True : Py_False);
+    const Ref key =
+        py::make_tuple(tool_text.get(), action_text.get(), outcome_text.get(), element.alias_hit ? Py_True : Py_False);
     const Ref call_count = Ref::steal(PyLong_FromLong(element.calls));
     const Ref timed_count = Ref::steal(PyLong_FromLong(element.timed_calls));
     const Ref total = Ref::steal(PyFloat_FromDouble(element.total_ms));

@@ -39,19 +39,19 @@ Ref fetch_document(const Database& database) {
 /// that is all of them.
 Ref keep_known(const Host& host, Ref loaded) {
     const py::Vector<UsageEntry> entries = list_entries(loaded.get());
-    py::Vector<const UsageEntry*> kept;
+    py::Vector<std::size_t> kept;
     kept.reserve(entries.size());
     for (const UsageEntry& entry : entries) {
         if (is_known(host, member_of(entry.key, key_tool), member_of(entry.key, key_action))) {
-            kept.push_back(&entry);
+            kept.push_back(static_cast<std::size_t>(&entry - entries.data()));
         }
     }
     if (kept.size() == entries.size()) {
         return loaded;
     }
     Ref table = Ref::steal(PyDict_New());
-    for (const UsageEntry* entry : kept) {
-        py::check(PyDict_SetItem(table.get(), entry->key.get(), entry->record.get()));
+    for (const std::size_t place : kept) {
+        py::check(PyDict_SetItem(table.get(), entries[place].key.get(), entries[place].record.get()));
     }
     return table;
 }
@@ -80,7 +80,8 @@ std::optional<py::Vector<DocumentEntry>> take_snapshot(Tracker& tracker, const H
         Ref call_count = usage.get(calls);
         Ref timed_count = usage.get(timed_calls);
         Ref total = rounded_total(usage.get(total_ms));
-        snapshot.push_back({key_tuple(entry.key.get()), std::move(call_count), std::move(timed_count), std::move(total)});
+        snapshot.push_back(
+            {key_tuple(entry.key.get()), std::move(call_count), std::move(timed_count), std::move(total)});
     }
     old_mark = Ref::steal_optional(std::exchange(tracker.usage_dirty, Py_NewRef(Py_False)));
     return snapshot;
