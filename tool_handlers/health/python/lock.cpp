@@ -48,7 +48,7 @@ LockGuard::LockGuard(const LockMethods& methods, PyObject* lock, bool quiet) : m
     }
 }
 
-LockGuard::~LockGuard() {
+LockGuard::~LockGuard() noexcept(false) {
     if (!lock_ || abandoned_ || !is_attached()) {
         return;
     }

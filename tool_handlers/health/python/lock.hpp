@@ -59,7 +59,7 @@ public:
     LockGuard& operator=(LockGuard&&) = delete;
     /// Leaves the section, whatever error is on its way. A thread ended by a finalising interpreter leaves the
     /// lock as it is.
-    ~LockGuard();
+    ~LockGuard() noexcept(false);
 
     /// Whether a look was enough: then nothing has changed since the caller read the state.
     [[nodiscard]] bool only_looked() const { return !lock_; }

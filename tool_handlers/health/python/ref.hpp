@@ -33,7 +33,9 @@ public:
         return *this;
     }
 
-    ~Ref() { drop(object_); }
+    // Dropping a last reference may run Python code, and so end in a forced unwind (see error.hpp): not `noexcept`,
+    // nor is any destructor of what holds a reference.
+    ~Ref() noexcept(false) { drop(object_); }
 
     [[nodiscard]] static Ref steal(PyObject* object) {
         if (object == nullptr) {

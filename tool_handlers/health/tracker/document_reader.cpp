@@ -4,7 +4,7 @@
 #include <string_view>
 
 #include "health/python/dict.hpp"
-#include "health/python/memory.hpp"
+#include "health/python/ref_vector.hpp"
 #include "health/tracker/canonical_document.hpp"
 
 namespace health {
@@ -62,7 +62,7 @@ public:
 
 private:
     static constexpr std::size_t places = 1024;
-    py::Vector<Ref> texts_;
+    py::RefVector<Ref> texts_;
 };
 
 void add_canonical(const Host& host, PyObject* table, SharedTexts& texts, const CanonicalElement& element) {

@@ -34,7 +34,7 @@ struct FreeText {
 
 }  // namespace
 
-Ref DocumentWriter::write(const py::Vector<DocumentEntry>& entries) {
+Ref DocumentWriter::write(const py::RefVector<DocumentEntry>& entries) {
     out_.reserve(entries.size() * typical_entry + 2);
     out_ += '[';
     for (const DocumentEntry& entry : entries) {

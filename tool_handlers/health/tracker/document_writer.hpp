@@ -10,6 +10,7 @@
 
 #include "health/host/host.hpp"
 #include "health/python/memory.hpp"
+#include "health/python/ref_vector.hpp"
 
 namespace health {
 
@@ -29,7 +30,7 @@ public:
     explicit DocumentWriter(const Host& host) : host_(host) {}
 
     /// The document of these entries, as a str.
-    py::Ref write(const py::Vector<DocumentEntry>& entries);
+    py::Ref write(const py::RefVector<DocumentEntry>& entries);
 
 private:
     void add_entry(const DocumentEntry& entry);

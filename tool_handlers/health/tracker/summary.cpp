@@ -23,7 +23,7 @@ struct Row {
     Ref mapping;
 };
 
-using Rows = py::Vector<Row>;
+using Rows = py::RefVector<Row>;
 
 /// A tool as the summary lists it.
 struct Listed {
@@ -166,7 +166,7 @@ public:
     /// Sorts the usage counts into their tools.
     void add_usage(PyObject* usage);
 
-    [[nodiscard]] const py::Vector<Listed>& tools() const { return tools_; }
+    [[nodiscard]] const py::RefVector<Listed>& tools() const { return tools_; }
     /// The places of the tools, the worst first.
     [[nodiscard]] Order worst_first() const;
 
@@ -176,7 +176,7 @@ private:
 
     const Host& host_;
     Ref places_;  // tool name to its index in `tools_`
-    py::Vector<Listed> tools_;
+    py::RefVector<Listed> tools_;
 };
 
 Listed& Listing::append(PyObject* name, Ref state) {
@@ -198,7 +198,7 @@ Listed& Listing::place_of(PyObject* name) {
 }
 
 void Listing::add_usage(PyObject* usage) {
-    const py::Vector<UsageEntry> entries = list_entries(usage);
+    const py::RefVector<UsageEntry> entries = list_entries(usage);
     PyObject* last_tool = nullptr;  // the keys of one tool often follow each other
     Listed* listed = nullptr;
     for (const UsageEntry& entry : entries) {

@@ -27,7 +27,7 @@ public:
     Update& operator=(Update&&) = delete;
 
     // One look at the thread serves all values.
-    ~Update() {
+    ~Update() noexcept(false) {
         if (py::is_attached()) {
             for (PyObject* value : values_) {
                 Py_XDECREF(value);

@@ -1,6 +1,4 @@
 // The usage document: the mirror of the usage counts, one JSON text in the table `schema_info`.
-#include <optional>
-
 #include "health/host/database.hpp"
 #include "health/host/registry.hpp"
 #include "health/python/numbers.hpp"
@@ -38,7 +36,7 @@ Ref fetch_document(const Database& database) {
 /// The entries of a loaded table whose tool and action the registry still has, in their order: the table itself where
 /// that is all of them.
 Ref keep_known(const Host& host, Ref loaded) {
-    const py::Vector<UsageEntry> entries = list_entries(loaded.get());
+    const py::RefVector<UsageEntry> entries = list_entries(loaded.get());
     py::Vector<std::size_t> kept;
     kept.reserve(entries.size());
     for (const UsageEntry& entry : entries) {
@@ -63,25 +61,30 @@ Ref rounded_total(Ref total) {
     return PyFloat_CheckExact(total.get()) ? std::move(total) : py::round_by_runtime(total.get(), total_decimals);
 }
 
-/// Copies the counts and clears their mark, the latter once nothing can fail any more; nothing if there is no change
-/// to write.
-std::optional<py::Vector<DocumentEntry>> take_snapshot(Tracker& tracker, const Host& host) {
-    Ref old_mark;  // dropped when the lock is free
-    py::Vector<UsageEntry> entries;
-    py::Vector<DocumentEntry> snapshot;
+struct Snapshot {
+    bool is_changed = false;  // without a change there is nothing to write, and no entry was copied
+    py::RefVector<DocumentEntry> entries;
+};
+
+/// Copies the counts and clears their mark, the latter once nothing can fail any more.
+Snapshot take_snapshot(Tracker& tracker, const Host& host) {
+    Ref old_mark;  // dropped, like the entries, when the lock is free
+    py::RefVector<UsageEntry> entries;
+    Snapshot snapshot;
     const py::LockGuard guard(host.locks, require(tracker.lock, "_lock"));
-    if (!py::is_true(Ref::borrow(require(tracker.usage_dirty, "_usage_dirty")).get())) {
-        return std::nullopt;
+    snapshot.is_changed = py::is_true(Ref::borrow(require(tracker.usage_dirty, "_usage_dirty")).get());
+    if (!snapshot.is_changed) {
+        return snapshot;
     }
     entries = list_entries(hold_usage(tracker).get());
-    snapshot.reserve(entries.size());
-    for (UsageEntry& entry : entries) {
+    snapshot.entries.reserve(entries.size());
+    for (const UsageEntry& entry : entries) {
         const UsageView usage = host.usage(entry.record.get());
+        Ref key = key_tuple(entry.key.get());
         Ref call_count = usage.get(calls);
         Ref timed_count = usage.get(timed_calls);
         Ref total = rounded_total(usage.get(total_ms));
-        snapshot.push_back(
-            {key_tuple(entry.key.get()), std::move(call_count), std::move(timed_count), std::move(total)});
+        snapshot.entries.push_back({std::move(key), std::move(call_count), std::move(timed_count), std::move(total)});
     }
     old_mark = Ref::steal_optional(std::exchange(tracker.usage_dirty, Py_NewRef(Py_False)));
     return snapshot;
@@ -122,14 +125,14 @@ void load_usage(Tracker& tracker, const Host& host) {
 }
 
 Ref flush_usage(Tracker& tracker, const Host& host) {
-    const std::optional<py::Vector<DocumentEntry>> snapshot = take_snapshot(tracker, host);
-    if (!snapshot) {
+    const Snapshot snapshot = take_snapshot(tracker, host);
+    if (!snapshot.is_changed) {
         return Ref::steal(PyLong_FromLong(0));
     }
     return py::recovering(
         [&] {
-            Ref count = Ref::steal(PyLong_FromSize_t(snapshot->size()));
-            const Ref document = DocumentWriter(host).write(*snapshot);
+            Ref count = Ref::steal(PyLong_FromSize_t(snapshot.entries.size()));
+            const Ref document = DocumentWriter(host).write(snapshot.entries);
             const Database database(host, require(tracker.repo, "_repo"));
             database.execute(replace_document, py::make_tuple(py::text(tool_usage_key).get(), document.get()).get());
             return count;

@@ -4,8 +4,8 @@ namespace health {
 
 using py::Ref;
 
-py::Vector<UsageEntry> list_entries(PyObject* usage) {
-    py::Vector<UsageEntry> entries;
+py::RefVector<UsageEntry> list_entries(PyObject* usage) {
+    py::RefVector<UsageEntry> entries;
     entries.reserve(static_cast<std::size_t>(PyDict_GET_SIZE(usage)));
     Py_ssize_t position = 0;
     PyObject* key = nullptr;

@@ -4,7 +4,7 @@
 #include <Python.h>
 
 #include "health/host/host.hpp"
-#include "health/python/memory.hpp"
+#include "health/python/ref_vector.hpp"
 
 namespace health {
 
@@ -16,7 +16,7 @@ struct UsageEntry {
 
 /// Every entry of `_usage`, or of a dictionary like it, in its order. Runs no Python code, so it is one state of the
 /// dictionary whatever happens to that later.
-py::Vector<UsageEntry> list_entries(PyObject* usage);
+py::RefVector<UsageEntry> list_entries(PyObject* usage);
 
 /// The places of a usage key's members.
 enum KeyMember : unsigned char { key_tool, key_action, key_outcome, key_alias_hit };
