@@ -1,95 +1,77 @@
 """What the tests share: a fake database, a clock that stands still, a tracker over both."""
 
-from __future__ import annotations
-
 import dataclasses
 import os
 import subprocess
 import sys
-import tempfile
 import threading
 import unittest
-from collections.abc import Callable
-from pathlib import Path
-from typing import Any
+from functools import partialmethod
 from unittest import mock
 
-from quorl_dendra.repository import Repository
+from benchmarks import baseline
 from quorl_dendra.tool_handlers import health
 from quorl_dendra.tool_registry import Action, ToolSpec
 
-NOW = 1_700_000_000.0
-NOW_TEXT = "2023-11-14 22:13:20"
+NOW, NOW_TEXT = 1_700_000_000.0, "2023-11-14 22:13:20"
 PATIENCE_S = 60  # for what comes at once unless something is broken
 
 
 class FakeDatabase:
-    """A database that keeps each call, answers from memory, and calls ``hook(operation)``."""
+    """A database that keeps each call, calls ``hook(operation)`` and answers from memory."""
 
-    def __init__(self, rows: Any = (), document: Any = None) -> None:
+    def __init__(self, rows=(), document=None):
         self.db = self  # it is its own repository
         self.rows = list(rows)
-        self.answer: Any = None if document is None else (document,)
-        self.calls: list[tuple[Any, ...]] = []
-        self.hook: Callable[[str], Any] = lambda operation: None
+        self.answer = None if document is None else (document,)
+        self.calls = []
+        self.hook = lambda operation: None
 
-    def _call(self, *call: Any) -> None:
-        self.calls.append(call)
-        self.hook(call[0])
+    def _call(self, operation, *args):
+        self.calls.append((operation, *args))
+        self.hook(operation)
+        return {"fetchall": self.rows, "fetchone": self.answer}.get(operation)
 
-    def fetchall(self, sql: str) -> Any:
-        self._call("fetchall", sql)
-        return self.rows
-
-    def fetchone(self, sql: str, params: Any) -> Any:
-        self._call("fetchone", sql, params)
-        return self.answer
-
-    def execute(self, sql: str, params: Any) -> None:
-        self._call("execute", sql, params)
-
-    def executemany(self, sql: str, rows: Any) -> None:
-        self._call("executemany", sql, rows)
-
-
-class Clock:
-    """The wall clock; it moves only when it is told to, and calls ``hook()`` when it is read."""
-
-    now: Any = NOW
-    hook: Callable[[], Any] = staticmethod(lambda: None)
-
-    def __call__(self) -> Any:
-        self.hook()
-        return self.now
+    fetchall = partialmethod(_call, "fetchall")
+    fetchone = partialmethod(_call, "fetchone")
+    execute = partialmethod(_call, "execute")
+    executemany = partialmethod(_call, "executemany")
 
 
 class TrackerTest(unittest.TestCase):
-    """A test with a clock, the tools a (with the actions x, which is slow, and y), b and c, and
-    ``warning`` in place of the logger's method."""
+    """A test with a clock that shows ``clock.return_value``, the tools a (with the actions x, which
+    is slow, and y), b and c, and a mock in place of the logger's ``warning``."""
 
-    def setUp(self) -> None:
-        self.clock = Clock()
-        self.enterContext(mock.patch("time.time", self.clock))
-        self.warning = self.enterContext(mock.patch.object(health.logger, "warning"))
+    def setUp(self):
+        self.clock = self.enterContext(mock.patch("time.time", return_value=NOW))
+        self.warning = mock.Mock()
+        for module in (health, baseline):
+            self.enterContext(mock.patch.object(module.logger, "warning", self.warning))
         actions = (Action("x", slow=True), Action("y"))
         tools = {"a": ToolSpec("a", actions), "b": ToolSpec("b"), "c": ToolSpec("c")}
         self.enterContext(mock.patch.dict(health.TOOLS, tools, clear=True))
         self.db = FakeDatabase()
 
-    def make(self, rows: Any = (), document: Any = None, limits: Any = None) -> Any:
-        """A tracker with that history; ``self.db`` is its database and has no calls yet."""
+    def make(self, rows=(), document=None, module=health):
+        """A tracker with that history; ``self.db`` is its database, with no calls yet."""
         self.db = FakeDatabase(rows, document)
-        tracker = health.ToolHealthTracker(self.db, limits)
+        tracker = module.ToolHealthTracker(self.db)
         self.db.calls.clear()
         return tracker
 
-    def repository(self) -> Repository:
-        """A real repository in a directory of its own."""
-        folder = self.enterContext(tempfile.TemporaryDirectory())
-        return self.enterContext(Repository(Path(folder, "repository.sqlite3")))
+    def check_same(self, scenario, *args):
+        """The plain version does the same: ``scenario(module, *args)`` gives, or raises, and warns
+        of the same. Returns what that was, as text."""
+        texts = []
+        for module in (health, baseline):
+            self.warning.reset_mock()
+            outcome = repr(result(scenario, module, *args))
+            texts.append(outcome + str([(w[0], repr(w[1])) for w, _ in self.warning.call_args_list]))
+        if texts[0] != texts[1]:
+            self.fail(f"{args!r:.500}: {texts[0]:.2000}, plainly {texts[1]:.2000}")
+        return texts[0]
 
-
-def result(call: Callable[..., Any], *args: Any, **kwargs: Any) -> Any:
+def result(call, *args, **kwargs):
     """What a call returns, or the type and the text of what it raises."""
     try:
         return call(*args, **kwargs)
@@ -97,29 +79,27 @@ def result(call: Callable[..., Any], *args: Any, **kwargs: Any) -> Any:
         return type(error), str(error)
 
 
-def memory(tracker: Any) -> tuple[Any, ...]:
+def memory(tracker):
     """A copy of all that a tracker remembers, in its order."""
     records = tracker._state, tracker._usage
     copies = [[(key, dataclasses.astuple(record)) for key, record in m.items()] for m in records]
     return *copies, set(tracker._dirty), tracker._usage_dirty
 
 
-def count(tracker: Any, tool: str, action: Any = None, outcome: str = "ok", **named: Any) -> None:
-    """Count a call of the tool: untimed, without a synonym, unless ``named`` says otherwise."""
-    tracker.record_call(tool, action, outcome, **{"alias_hit": False, "duration_ms": None, **named})
+def count(tracker, tool, action=None, outcome="ok", alias_hit=False, duration_ms=None):
+    """Count a call of the tool."""
+    tracker.record_call(tool, action, outcome, alias_hit=alias_hit, duration_ms=duration_ms)
 
 
-def in_thread(body: Callable[[], Any]) -> threading.Thread:
+def in_thread(body):
     """Start a thread that does not outlive the process."""
     thread = threading.Thread(target=body, daemon=True)
     thread.start()
     return thread
 
 
-def run_child(code: str, *arguments: str, **environment: str) -> subprocess.CompletedProcess[str]:
+def run_child(code, *arguments, **environment):
     """Run code in a new interpreter like this one to its end."""
     command = [sys.executable, "-X", "dev", "-W", "error", "-c", code, *arguments]
-    variables = os.environ | environment
-    return subprocess.run(
-        command, env=variables, capture_output=True, text=True, timeout=PATIENCE_S
-    )
+    kept = {"capture_output": True, "text": True, "env": os.environ | environment}
+    return subprocess.run(command, timeout=PATIENCE_S, **kept)
