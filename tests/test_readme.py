@@ -9,6 +9,7 @@ import sqlite3
 import subprocess
 import sys
 import tempfile
+import traceback
 import unittest
 from collections.abc import Callable, Iterator
 from pathlib import Path
@@ -32,7 +33,7 @@ SPOILERS = {
     "no extension": "rm $extension",
     "cut off": "truncate -s 0 $extension",
     "another library": "cp build/release/bench/*.so $extension",
-    "an older machine": r"sed -i 's/GLIBC_2\.[0-9][0-9]/GLIBC_9.99/' $extension",
+    "an older machine": "sed -i s/GLIBC_2/GLIBC_9/ $extension",
     "stale": "sed -i s/thread_census_report/xxxxxxxxxxxxxxxxxxxx/ $extension",
     "a host without a name": "sed -i s/is_slow_call/is_slow/ daemon/quorl_dendra/tool_schemas.py",
     "a host without a module": "rm daemon/quorl_dendra/config.py",
@@ -160,7 +161,7 @@ class Documents(unittest.TestCase):
         def error_of(call: Callable[..., Any], *args: Any) -> str:
             with self.assertRaises(Exception) as caught:
                 call(*args)
-            return f"{type(caught.exception).__name__}: {caught.exception}"
+            return traceback.format_exception_only(caught.exception)[-1]
 
         connection, other = (sqlite3.connect(self.top / "db", timeout=0, isolation_level=None) for _ in range(2))
         self.addCleanup(other.close)
