@@ -4,7 +4,6 @@
 #include <charconv>
 #include <cmath>
 
-#include "health/python/object.hpp"
 
 namespace health::py {
 

@@ -5,6 +5,7 @@
 
 #include <Python.h>
 
+#include "health/python/object.hpp"
 #include "health/python/ref.hpp"
 
 namespace health::py {
@@ -21,14 +22,30 @@ inline Ref add(PyObject* left, PyObject* right) {
     return Ref::steal(PyNumber_InPlaceAdd(left, right));
 }
 
+/// Whether an object is a plain int of one digit, as nearly all are.
+inline bool is_compact(PyObject* object) {
+    return PyLong_CheckExact(object) && PyUnstable_Long_IsCompact(reinterpret_cast<PyLongObject*>(object)) != 0;
+}
+
+inline Py_ssize_t compact_value(PyObject* number) {
+    return PyUnstable_Long_CompactValue(reinterpret_cast<PyLongObject*>(number));
+}
+
 /// `number + 1`. Runs Python code unless `number` is plain.
 inline Ref plus_one(PyObject* number) {
-    if (PyLong_CheckExact(number) && PyUnstable_Long_IsCompact(reinterpret_cast<PyLongObject*>(number)) != 0) {
-        return Ref::steal(
-            PyLong_FromSsize_t(PyUnstable_Long_CompactValue(reinterpret_cast<PyLongObject*>(number)) + 1));
+    if (is_compact(number)) {
+        return Ref::steal(PyLong_FromSsize_t(compact_value(number) + 1));
     }
     const Ref one = Ref::steal(PyLong_FromLong(1));
     return add(number, one.get());
+}
+
+/// `left >= right`. Runs Python code unless both are plain.
+inline bool is_at_least(PyObject* left, PyObject* right) {
+    if (is_compact(left) && is_compact(right)) {
+        return compact_value(left) >= compact_value(right);
+    }
+    return compares(left, right, Py_GE);
 }
 
 /// The nearest double to the exact value of `value` rounded to `digits` decimals, a tie going to the even digit.

@@ -97,7 +97,7 @@ bool is_enabled_quietly(const Tracker& tracker, const Host& host, PyObject* tool
 bool is_cooldown_over(Tracker& tracker, const Host& host, PyObject* now, PyObject* disabled_at) {
     const Ref elapsed = Ref::steal(PyNumber_Subtract(now, disabled_at));
     const Ref cooldown = py::get_attribute(tracker.object(), host.names[Name::cooldown_s]);
-    return py::compares(elapsed.get(), cooldown.get(), Py_GE);
+    return py::is_at_least(elapsed.get(), cooldown.get());
 }
 
 }  // namespace
@@ -140,7 +140,7 @@ void record_error(Tracker& tracker, Host& host, PyObject* tool_name, PyObject* e
     if (!guard.only_looked()) {
         threshold = disable_after_errors(host, require(tracker.limits, "_limits"));
     }
-    if (py::compares(run.get(), threshold.get(), Py_GE)) {
+    if (py::is_at_least(run.get(), threshold.get())) {
         update.set(disabled_at, Ref::borrow(now.get()));
     }
     update.set(updated_at, Ref::borrow(now.get()));

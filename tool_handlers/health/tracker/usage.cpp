@@ -64,7 +64,9 @@ void record_call(Tracker& tracker, Host& host, PyObject* tool_name, PyObject* ac
     if (update.is_new()) {
         tracker.known_usage.insert(hold_usage(tracker).get(), key.get(), update.record());
     }
-    update.bury(Ref::steal_optional(std::exchange(tracker.usage_dirty, Py_NewRef(Py_True))));
+    if (tracker.usage_dirty != Py_True) {
+        update.bury(Ref::steal_optional(std::exchange(tracker.usage_dirty, Py_NewRef(Py_True))));
+    }
     assert_consistent(tracker);
 }
 
