@@ -185,15 +185,23 @@ void Binder::bind_registry_check() {
     host().own.known = bind_function(known_definition).release();
 }
 
+/// Makes a property of a class, and tells it its name as a class statement does.
+void bind_property(PyObject* type, const char* name, PyObject* getter) {
+    const Ref property = py::call(reinterpret_cast<PyObject*>(&PyProperty_Type), getter);
+    py::check(PyObject_SetAttrString(type, name, property.get()));
+    py::call_method(property.get(), py::text("__set_name__").get(), type, py::text(name).get());
+}
+
 void Binder::bind_tracker() {
     const Ref type = make_tracker_type(module_);
-    auto* property = reinterpret_cast<PyObject*>(&PyProperty_Type);
     for (const Member& member : tracker_members()) {
         const py::Definition& definition = member.definition;
         const Ref method = py::make_method(home(), definition, reinterpret_cast<PyTypeObject*>(type.get()));
-        const Ref value =
-            member.kind == MemberKind::property ? py::call(property, method.get()) : Ref::borrow(method.get());
-        py::check(PyObject_SetAttrString(type.get(), definition.name, value.get()));
+        if (member.kind == MemberKind::property) {
+            bind_property(type.get(), definition.name, method.get());
+        } else {
+            py::check(PyObject_SetAttrString(type.get(), definition.name, method.get()));
+        }
     }
     host().own.usage_rows = py::get_attribute(type.get(), "_usage_rows").release();
     bind("ToolHealthTracker", type);
