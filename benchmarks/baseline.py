@@ -325,11 +325,7 @@ class ToolHealthTracker:
             return bool(self._dirty) or self._usage_dirty
 
     def flush(self) -> int:
-        """Write what changed (blocking: call from a thread that may wait).
-
-        Returns:
-            How many rows were written.
-        """
+        """Write what changed (blocking: call from a thread that may wait)."""
         return self._flush_health() + self._flush_usage()
 
     def _flush_usage(self) -> int:
