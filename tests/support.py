@@ -22,8 +22,7 @@ class FakeDatabase:
 
     def __init__(self, rows=(), document=None):
         self.db = self  # it is its own repository
-        self.rows = list(rows)
-        self.answer = None if document is None else (document,)
+        self.rows, self.answer = list(rows), None if document is None else (document,)
         self.calls = []
         self.hook = lambda operation: None
 
@@ -39,16 +38,15 @@ class FakeDatabase:
 
 
 class TrackerTest(unittest.TestCase):
-    """A test with a clock that shows ``clock.return_value``, the tools a (with the actions x, which
-    is slow, and y), b and c, and a mock in place of the logger's ``warning``."""
+    """A test with a clock that shows ``clock.return_value``, the tools a (with the actions x, which is slow, and y),
+    b and c, and the mock ``warning`` in place of the logger's method."""
 
     def setUp(self):
         self.clock = self.enterContext(mock.patch("time.time", return_value=NOW))
         self.warning = mock.Mock()
         for module in (health, baseline):
             self.enterContext(mock.patch.object(module.logger, "warning", self.warning))
-        actions = (Action("x", slow=True), Action("y"))
-        tools = {"a": ToolSpec("a", actions), "b": ToolSpec("b"), "c": ToolSpec("c")}
+        tools = {"a": ToolSpec("a", (Action("x", slow=True), Action("y"))), "b": ToolSpec("b"), "c": ToolSpec("c")}
         self.enterContext(mock.patch.dict(health.TOOLS, tools, clear=True))
         self.db = FakeDatabase()
 
@@ -60,8 +58,8 @@ class TrackerTest(unittest.TestCase):
         return tracker
 
     def check_same(self, scenario, *args):
-        """The plain version does the same: ``scenario(module, *args)`` gives, or raises, and warns
-        of the same. Returns what that was, as text."""
+        """The plain version does the same: ``scenario(module, *args)`` gives, or raises, and warns of the same.
+        Returns what that was, as text."""
         texts = []
         for module in (health, baseline):
             self.warning.reset_mock()
@@ -70,6 +68,7 @@ class TrackerTest(unittest.TestCase):
         if texts[0] != texts[1]:
             self.fail(f"{args!r:.500}: {texts[0]:.2000}, plainly {texts[1]:.2000}")
         return texts[0]
+
 
 def result(call, *args, **kwargs):
     """What a call returns, or the type and the text of what it raises."""

@@ -4,6 +4,7 @@ import itertools
 import time
 from unittest import mock
 
+from quorl_dendra.config import ToolsConfig
 from support import NOW, TrackerTest, count, health, memory
 
 REAL_CLOCK = time.time
@@ -89,6 +90,13 @@ class Outcomes(TrackerTest):
                 with mock.patch("time.time", clock):
                     self.check_same(live, f"{settings} {' '.join(life)}")
 
+    def test_the_settings_are_the_ones_given_or_the_hosts_defaults(self):
+        for limits in (0, "", ToolsConfig(1, 2.5)):
+            self.assertIs(health.ToolHealthTracker(self.db, limits).limits, limits)
+        trackers = self.make(), health.ToolHealthTracker(self.db, None)
+        self.assertEqual([tracker.limits for tracker in trackers], [ToolsConfig(3, 60.0)] * 2)
+        self.assertIsNot(trackers[0].limits, trackers[1].limits)
+
     def test_an_errors_text_is_cut_by_characters(self):
         def record(module):
             tracker = self.make(module=module)
@@ -123,7 +131,7 @@ class Outcomes(TrackerTest):
         """However often the tool and the key were met before the change."""
         changes = {  # what a caller does after 50 calls, and the calls counted after one more
             "t._state['a'].call_count = t._usage[KEY].calls = 8": 9,
-            "t._state['a'] = health._ToolState(8); t._usage[KEY] = health._Usage(8)": 9,
+            "t.old = t._usage[KEY]; t._state['a'], t._usage[KEY] = health._ToolState(8), health._Usage(8)": 9,
             "t._state = {'a': health._ToolState(8)}; t._usage = {KEY: health._Usage(8)}": 9,
             "t._state.clear(); t._usage.clear()": 1,
             "t._dirty = set(); t._usage_dirty = 0": 51,
