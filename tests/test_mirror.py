@@ -109,6 +109,11 @@ class Mirror(TrackerTest):
                 self.warning.assert_called_once_with(USAGE_WARNING if is_usage else HEALTH_WARNING, error)
                 self.assertEqual((len(tracker._state), len(tracker._usage)), (is_usage, not is_usage))
                 self.assertIs(tracker.has_unsaved_changes, False)
+                self.warning.side_effect = unheard = OSError("no log")
+                with self.assertRaises(OSError) as raised:
+                    health.ToolHealthTracker(self.db)
+                self.assertIs(raised.exception, unheard)
+                self.warning.side_effect = None
 
     def test_the_document_is_what_json_dumps_writes(self):
         chance = random.Random(7)
