@@ -17,19 +17,23 @@ namespace {
 
 constexpr int average_decimals = 2;
 
-/// A usage row in the making. All but its last member, "slow", is filled in before any Python code can run.
-struct Row {
-    Ref key;  // of `key_tuple`
-    Ref mapping;
+/// What a usage row shows of its entry, as it was when the entry was read. The rows themselves are made tool by tool: a
+/// tool's rows then lie side by side in memory, wherever its entries were.
+struct Line {
+    Ref action;
+    Ref outcome;
+    Ref alias_hit;
+    Ref calls;
+    Ref average;  // milliseconds, or None
 };
 
-using Rows = py::RefVector<Row>;
+using Lines = py::RefVector<Line>;
 
 /// A tool as the summary lists it.
 struct Listed {
     Ref name;
     Ref state;
-    Rows rows;
+    Lines lines;
 };
 
 Ref minus(PyObject* number) {
@@ -68,16 +72,27 @@ void put(const Host& host, PyObject* mapping, Name name, PyObject* value) {
     py::check(PyDict_SetItem(mapping, host.names[name], value));
 }
 
-Row make_row(const Host& host, const UsageEntry& entry) {
-    const UsageView usage = host.usage(entry.record.get());
-    Row row{.key = key_tuple(entry.key.get()), .mapping = Ref::steal(PyDict_Copy(host.empty_row))};
-    put(host, row.mapping.get(), Name::action, member_of(row.key, key_action));
-    put(host, row.mapping.get(), Name::outcome, member_of(row.key, key_outcome));
-    put(host, row.mapping.get(), Name::alias_hit, member_of(row.key, key_alias_hit));
-    put(host, row.mapping.get(), Name::calls, usage.get(UsageFields::calls).get());
+/// `key` is of `key_tuple`.
+Line read_line(const Host& host, const Ref& key, PyObject* record) {
+    const UsageView usage = host.usage(record);
+    Ref calls = usage.get(UsageFields::calls);
     const Ref total_ms = usage.get(UsageFields::total_ms);
     const Ref timed_calls = usage.get(UsageFields::timed_calls);
-    put(host, row.mapping.get(), Name::avg_ms, average(total_ms.get(), timed_calls.get()).get());
+    return {.action = Ref::borrow(member_of(key, key_action)),
+            .outcome = Ref::borrow(member_of(key, key_outcome)),
+            .alias_hit = Ref::borrow(member_of(key, key_alias_hit)),
+            .calls = std::move(calls),
+            .average = average(total_ms.get(), timed_calls.get())};
+}
+
+Ref make_row(const Host& host, const Line& line, PyObject* slow) {
+    Ref row = Ref::steal(PyDict_Copy(host.empty_row));
+    put(host, row.get(), Name::action, line.action.get());
+    put(host, row.get(), Name::outcome, line.outcome.get());
+    put(host, row.get(), Name::alias_hit, line.alias_hit.get());
+    put(host, row.get(), Name::calls, line.calls.get());
+    put(host, row.get(), Name::avg_ms, line.average.get());
+    put(host, row.get(), Name::slow, slow);
     return row;
 }
 
@@ -103,24 +118,18 @@ struct RowKey {
     }
 };
 
-Ref calls_of(const Host& host, const Row& row) {
-    return py::get_item(row.mapping.get(), host.names[Name::calls]);
-}
-
-/// The keys of rows of plain values only; fewer than there are rows if any is not plain.
-py::Vector<RowKey> plain_row_keys(const Host& host, const Rows& rows) {
+/// The keys of lines of plain values only; fewer than there are lines if any is not plain.
+py::Vector<RowKey> plain_row_keys(const Host& host, const Lines& lines) {
     py::Vector<RowKey> keys;
-    keys.reserve(rows.size());
-    for (const Row& row : rows) {
-        PyObject* action = member_of(row.key, key_action);
-        PyObject* alias_hit = member_of(row.key, key_alias_hit);
+    keys.reserve(lines.size());
+    for (const Line& line : lines) {
         RowKey key{.calls = 0,
-                   .action = action == Py_None ? host.names[Name::None] : action,
-                   .outcome = member_of(row.key, key_outcome),
-                   .alias_hit = alias_hit == Py_True,
+                   .action = line.action.get() == Py_None ? host.names[Name::None] : line.action.get(),
+                   .outcome = line.outcome.get(),
+                   .alias_hit = line.alias_hit.get() == Py_True,
                    .position = keys.size()};
-        if (!PyUnicode_CheckExact(key.action) || !PyUnicode_CheckExact(key.outcome) || !PyBool_Check(alias_hit) ||
-            !read_plain(calls_of(host, row).get(), key.calls)) {
+        if (!PyUnicode_CheckExact(key.action) || !PyUnicode_CheckExact(key.outcome) ||
+            !PyBool_Check(line.alias_hit.get()) || !read_plain(line.calls.get(), key.calls)) {
             break;
         }
         keys.push_back(key);
@@ -128,29 +137,31 @@ py::Vector<RowKey> plain_row_keys(const Host& host, const Rows& rows) {
     return keys;
 }
 
-Order order_of_rows(const Host& host, const Rows& rows) {
-    py::Vector<RowKey> keys = plain_row_keys(host, rows);
-    if (keys.size() == rows.size()) {
+Order order_of_rows(const Host& host, const Lines& lines) {
+    py::Vector<RowKey> keys = plain_row_keys(host, lines);
+    if (keys.size() == lines.size()) {
         return order_natively(std::move(keys));
     }
-    return order_by_runtime(rows.size(), [&](std::size_t index) {
-        const Row& row = rows[index];
-        const Ref calls = minus(calls_of(host, row).get());
-        const Ref action = Ref::steal(PyObject_Str(member_of(row.key, key_action)));
-        return py::make_tuple(calls.get(), action.get(), member_of(row.key, key_outcome),
-                              member_of(row.key, key_alias_hit));
+    return order_by_runtime(lines.size(), [&](std::size_t index) {
+        const Line& line = lines[index];
+        const Ref calls = minus(line.calls.get());
+        const Ref action = Ref::steal(PyObject_Str(line.action.get()));
+        return py::make_tuple(calls.get(), action.get(), line.outcome.get(), line.alias_hit.get());
     });
 }
 
-/// Completes the rows of one tool and lists them in their order.
-Ref list_rows(const Host& host, PyObject* tool_name, const Rows& rows) {
-    for (const Row& row : rows) {
-        const Ref slow = is_slow_call(host, tool_name, member_of(row.key, key_action));
-        put(host, row.mapping.get(), Name::slow, slow.get());
+/// The rows of one tool in their order.
+Ref make_rows(const Host& host, PyObject* tool_name, const Lines& lines) {
+    py::RefVector<Ref> rows;
+    rows.reserve(lines.size());
+    for (const Line& line : lines) {
+        const Ref slow = is_slow_call(host, tool_name, line.action.get());
+        rows.push_back(make_row(host, line, slow.get()));
     }
-    Ref list = Ref::steal(PyList_New(0));
-    for (const std::size_t place : order_of_rows(host, rows)) {
-        py::check(PyList_Append(list.get(), rows[place].mapping.get()));
+    const Order order = order_of_rows(host, lines);
+    Ref list = Ref::steal(PyList_New(static_cast<Py_ssize_t>(rows.size())));
+    for (std::size_t place = 0; place < order.size(); ++place) {
+        PyList_SET_ITEM(list.get(), static_cast<Py_ssize_t>(place), rows[order[place]].release());
     }
     return list;
 }
@@ -182,7 +193,7 @@ private:
 Listed& Listing::append(PyObject* name, Ref state) {
     const Ref place = Ref::steal(PyLong_FromSize_t(tools_.size()));
     py::check(PyDict_SetItem(places_.get(), name, place.get()));
-    tools_.push_back({.name = Ref::borrow(name), .state = std::move(state), .rows = {}});
+    tools_.push_back({.name = Ref::borrow(name), .state = std::move(state), .lines = {}});
     return tools_.back();
 }
 
@@ -202,13 +213,13 @@ void Listing::add_usage(PyObject* usage) {
     PyObject* last_tool = nullptr;  // the keys of one tool often follow each other
     Listed* listed = nullptr;
     for (const UsageEntry& entry : entries) {
-        Row row = make_row(host_, entry);
-        PyObject* tool = member_of(row.key, key_tool);
+        const Ref key = key_tuple(entry.key.get());
+        PyObject* tool = member_of(key, key_tool);
         if (tool != last_tool) {
             listed = &place_of(tool);
-            last_tool = tool;
+            last_tool = key.get() == entry.key.get() ? tool : nullptr;  // kept alive by the entry, or not
         }
-        listed->rows.push_back(std::move(row));
+        listed->lines.push_back(read_line(host_, key, entry.record.get()));
     }
 }
 
@@ -288,21 +299,21 @@ Ref health_summary(Tracker& tracker, const Host& host) {
     for (const std::size_t place : listing.worst_first()) {
         const Listed& tool = listing.tools()[place];
         const Ref rows =
-            override ? py::call(override.get(), tool.name.get()) : list_rows(host, tool.name.get(), tool.rows);
+            override ? py::call(override.get(), tool.name.get()) : make_rows(host, tool.name.get(), tool.lines);
         py::check(PyList_Append(records.get(), make_record(host, tool, rows).get()));
     }
     return records;
 }
 
 Ref usage_rows(Tracker& tracker, const Host& host, PyObject* tool_name) {
-    Rows rows;
+    Lines lines;
     for (const UsageEntry& entry : list_entries(hold_usage(tracker).get())) {
         const Ref key = key_tuple(entry.key.get());
         if (py::compares(member_of(key, key_tool), tool_name, Py_EQ)) {
-            rows.push_back(make_row(host, entry));
+            lines.push_back(read_line(host, key, entry.record.get()));
         }
     }
-    return list_rows(host, tool_name, rows);
+    return make_rows(host, tool_name, lines);
 }
 
 }  // namespace health
