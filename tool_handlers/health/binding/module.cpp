@@ -78,11 +78,11 @@ void Binder::prepare() {
     state_.function_type = reinterpret_cast<PyTypeObject*>(py::make_function_type(module_).release());
 }
 
-/// A dictionary with these keys and nothing under them.
+/// A dictionary with these keys and False under each.
 Ref Binder::make_empty(std::span<const Name> keys) {
     Ref empty = Ref::steal(PyDict_New());
     for (const Name key : keys) {
-        py::check(PyDict_SetItem(empty.get(), host().names[key], Py_None));
+        py::check(PyDict_SetItem(empty.get(), host().names[key], Py_False));
     }
     return empty;
 }

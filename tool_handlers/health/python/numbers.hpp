@@ -49,7 +49,7 @@ inline bool is_at_least(PyObject* left, PyObject* right) {
 }
 
 /// The nearest double to the exact value of `value` rounded to `digits` decimals, a tie going to the even digit.
-/// Plain C++; `digits` is small.
+/// Plain C++; `digits` is 0 to 3.
 double round_to(double value, int digits);
 
 /// `round(value, digits)`. Runs Python code unless `value` is plain.

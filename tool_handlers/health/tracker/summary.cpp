@@ -19,12 +19,16 @@ constexpr int average_decimals = 2;
 
 /// What a usage row shows of its entry, as it was when the entry was read. The rows themselves are made tool by tool: a
 /// tool's rows then lie side by side in memory, wherever its entries were.
+///
+/// Plain numbers are read as such, and become objects again in their row: so no object far away is touched for it twice.
 struct Line {
     Ref action;
     Ref outcome;
     Ref alias_hit;
-    Ref calls;
-    Ref average;  // milliseconds, or None
+    Ref odd_calls;  // empty where `calls` has the number
+    long calls = 0;
+    Ref odd_average;  // None, or what is no float; empty where `average_ms` has the number
+    double average_ms = 0.0;
 };
 
 using Lines = py::RefVector<Line>;
@@ -57,15 +61,15 @@ Ref average_by_runtime(PyObject* total_ms, PyObject* timed_calls) {
     return py::round_by_runtime(quotient.get(), average_decimals);
 }
 
-/// The mean time of a handler in milliseconds, None where none was timed.
-Ref average(PyObject* total_ms, PyObject* timed_calls) {
+/// Reads the mean time of a handler in milliseconds, None where none was timed.
+void read_average(Line& line, PyObject* total_ms, PyObject* timed_calls) {
     constexpr long exact_in_double = 1L << 53;
     long timed = 0;
     if (PyFloat_CheckExact(total_ms) && read_plain(timed_calls, timed) && timed > 0 && timed < exact_in_double) {
-        const double quotient = PyFloat_AS_DOUBLE(total_ms) / static_cast<double>(timed);
-        return Ref::steal(PyFloat_FromDouble(py::round_to(quotient, average_decimals)));
+        line.average_ms = py::round_to(PyFloat_AS_DOUBLE(total_ms) / static_cast<double>(timed), average_decimals);
+    } else {
+        line.odd_average = py::is_true(timed_calls) ? average_by_runtime(total_ms, timed_calls) : py::none();
     }
-    return py::is_true(timed_calls) ? average_by_runtime(total_ms, timed_calls) : py::none();
 }
 
 void put(const Host& host, PyObject* mapping, Name name, PyObject* value) {
@@ -75,24 +79,42 @@ void put(const Host& host, PyObject* mapping, Name name, PyObject* value) {
 /// `key` is of `key_tuple`.
 Line read_line(const Host& host, const Ref& key, PyObject* record) {
     const UsageView usage = host.usage(record);
-    Ref calls = usage.get(UsageFields::calls);
+    Line line{.action = Ref::borrow(member_of(key, key_action)),
+              .outcome = Ref::borrow(member_of(key, key_outcome)),
+              .alias_hit = Ref::borrow(member_of(key, key_alias_hit)),
+              .odd_calls = {},
+              .odd_average = {}};
+    PyObject* calls = usage.peek(UsageFields::calls);
+    if (calls == nullptr || !read_plain(calls, line.calls)) {
+        line.odd_calls = usage.get(UsageFields::calls);
+    }
     const Ref total_ms = usage.get(UsageFields::total_ms);
     const Ref timed_calls = usage.get(UsageFields::timed_calls);
-    return {.action = Ref::borrow(member_of(key, key_action)),
-            .outcome = Ref::borrow(member_of(key, key_outcome)),
-            .alias_hit = Ref::borrow(member_of(key, key_alias_hit)),
-            .calls = std::move(calls),
-            .average = average(total_ms.get(), timed_calls.get())};
+    read_average(line, total_ms.get(), timed_calls.get());
+    return line;
 }
 
+Ref calls_of(const Line& line) {
+    return line.odd_calls ? Ref::borrow(line.odd_calls.get()) : Ref::steal(PyLong_FromLong(line.calls));
+}
+
+Ref average_of(const Line& line) {
+    return line.odd_average ? Ref::borrow(line.odd_average.get()) : Ref::steal(PyFloat_FromDouble(line.average_ms));
+}
+
+/// A copy of the empty row, which holds False for both truth values, filled in.
 Ref make_row(const Host& host, const Line& line, PyObject* slow) {
     Ref row = Ref::steal(PyDict_Copy(host.empty_row));
     put(host, row.get(), Name::action, line.action.get());
     put(host, row.get(), Name::outcome, line.outcome.get());
-    put(host, row.get(), Name::alias_hit, line.alias_hit.get());
-    put(host, row.get(), Name::calls, line.calls.get());
-    put(host, row.get(), Name::avg_ms, line.average.get());
-    put(host, row.get(), Name::slow, slow);
+    if (line.alias_hit.get() != Py_False) {
+        put(host, row.get(), Name::alias_hit, line.alias_hit.get());
+    }
+    put(host, row.get(), Name::calls, calls_of(line).get());
+    put(host, row.get(), Name::avg_ms, average_of(line).get());
+    if (slow != Py_False) {
+        put(host, row.get(), Name::slow, slow);
+    }
     return row;
 }
 
@@ -123,13 +145,13 @@ py::Vector<RowKey> plain_row_keys(const Host& host, const Lines& lines) {
     py::Vector<RowKey> keys;
     keys.reserve(lines.size());
     for (const Line& line : lines) {
-        RowKey key{.calls = 0,
+        RowKey key{.calls = line.calls,
                    .action = line.action.get() == Py_None ? host.names[Name::None] : line.action.get(),
                    .outcome = line.outcome.get(),
                    .alias_hit = line.alias_hit.get() == Py_True,
                    .position = keys.size()};
         if (!PyUnicode_CheckExact(key.action) || !PyUnicode_CheckExact(key.outcome) ||
-            !PyBool_Check(line.alias_hit.get()) || !read_plain(line.calls.get(), key.calls)) {
+            !PyBool_Check(line.alias_hit.get()) || line.odd_calls) {
             break;
         }
         keys.push_back(key);
@@ -144,7 +166,7 @@ Order order_of_rows(const Host& host, const Lines& lines) {
     }
     return order_by_runtime(lines.size(), [&](std::size_t index) {
         const Line& line = lines[index];
-        const Ref calls = minus(line.calls.get());
+        const Ref calls = minus(calls_of(line).get());
         const Ref action = Ref::steal(PyObject_Str(line.action.get()));
         return py::make_tuple(calls.get(), action.get(), line.outcome.get(), line.alias_hit.get());
     });
