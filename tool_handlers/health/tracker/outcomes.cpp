@@ -136,14 +136,14 @@ void record_error(Tracker& tracker, Host& host, PyObject* tool_name, PyObject* e
     update.set(error_count, state.count_up(error_count));
     Ref run = state.count_up(consecutive_errors);
     update.set(last_error, shorten(error));
-    const Ref now = read_clock(host, guard);
+    Ref now = read_clock(host, guard);
     if (!guard.only_looked()) {
         threshold = disable_after_errors(host, require(tracker.limits, "_limits"));
     }
     if (py::is_at_least(run.get(), threshold.get())) {
         update.set(disabled_at, Ref::borrow(now.get()));
     }
-    update.set(updated_at, Ref::borrow(now.get()));
+    update.set(updated_at, std::move(now));
     update.set(consecutive_errors, std::move(run));
     finish(update, tracker, host, tool_name, guard.only_looked());
     assert_consistent(tracker);
