@@ -199,6 +199,28 @@ class Calls(TrackerTest):
                 used = lock.__enter__.call_count, lock.__exit__.call_count
                 self.assertEqual(used, (entries, entries))
 
+    def test_code_of_the_host_runs_under_the_lock(self):
+        """Also by the runtime's own clock, where most calls need only see that the lock is free."""
+
+        def watch(*args):
+            held.append(tracker._lock.locked())
+            return False
+
+        cases = [("record_error", "_limits", lacking(watch, "disable_after_errors"), {})]
+        cases += [("record_error", field, odd(watch, "__add__"), {}) for field in ("error_count", "consecutive_errors")]
+        cases += [("record_success", "call_count", odd(watch, "__add__"), {})]
+        cases += [("record_call", field, odd(watch, "__add__"), {}) for field in ("calls", "timed_calls", "total_ms")]
+        cases += [("record_error", "_repo", None, {"error": odd(watch, "__bool__")})]
+        cases += [("record_call", "_repo", None, {"took": odd(watch, "__radd__")})]
+        for (name, field, value, given), clock in itertools.product(cases, (self.clock, REAL_CLOCK)):
+            with self.subTest(name, field=field, clock=clock), mock.patch("time.time", clock):
+                tracker, held = self.prepare(), []
+                for target in (tracker, tracker._state["a"], tracker._usage[KEY]):
+                    if hasattr(target, field):
+                        setattr(target, field, value)
+                OPERATIONS[name][0](tracker, **given)
+                self.assertEqual(held, [True])
+
     def test_unfit_fields_raise_and_do_no_harm(self):
         values = (DELETED, None, 5, "text", [1], {1: 2}, {1}, object())
         for name, field, unfit in itertools.product([*OPERATIONS][:15], FIELDS, values):

@@ -86,6 +86,10 @@ class Mirror(TrackerTest):
         rows = [("a", 6, 2, "bad", None, NOW_TEXT), ("b", 1, 1, "bad", None, NOW_TEXT)]
         write = ("execute", REPLACE, ("tool_usage", f"[{element('a', None, 'ok', False, 1, 0, 0.0)}]"))
         self.assertEqual(self.db.calls, [("executemany", UPSERT, rows), write])
+        self.db.calls.clear()
+        self.db.rows = [ROW]
+        tracker.__init__(self.db)
+        self.assertEqual(self.db.calls, [READ_HEALTH, READ_USAGE])
 
     def test_what_the_registry_lost_is_dropped(self):
         kept = element("a", None, "ok", False, 1, 0, 0.0)
