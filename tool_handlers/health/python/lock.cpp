@@ -4,6 +4,20 @@
 
 namespace health::py {
 
+namespace {
+
+/// A method of a context manager's type, as a `with` statement looks it up.
+Ref manager_method(PyObject* manager, const char* name) {
+    Ref method = Ref::steal_optional(PyObject_GetAttrString(reinterpret_cast<PyObject*>(Py_TYPE(manager)), name));
+    if (!method && PyErr_ExceptionMatches(PyExc_AttributeError) != 0) {
+        raise(PyExc_TypeError, "'%.200s' object does not support the context manager protocol",
+              Py_TYPE(manager)->tp_name);
+    }
+    return method ? std::move(method) : Ref::steal(nullptr);
+}
+
+}  // namespace
+
 LockMethods::LockMethods(PyObject* lock_type) {
     const Ref locked = get_attribute(lock_type, "locked");
     if (!PyType_Check(lock_type) || !Py_IS_TYPE(locked.get(), &PyMethodDescr_Type)) {
@@ -63,7 +77,7 @@ LockGuard::~LockGuard() noexcept(false) {
 
 void LockGuard::take() {
     if (!methods_.is_native(lock_.get())) {
-        call_method(reinterpret_cast<PyObject*>(Py_TYPE(lock_.get())), text("__enter__").get(), lock_.get());
+        call(manager_method(lock_.get(), "__enter__").get(), lock_.get());
         return;
     }
     // Once the interpreter finalises, the other threads have ended wherever they were: a held lock stays held,
@@ -78,8 +92,7 @@ void LockGuard::leave() {
     if (methods_.is_native(lock_.get())) {
         methods_.release(lock_.get());
     } else {
-        call_method(reinterpret_cast<PyObject*>(Py_TYPE(lock_.get())), text("__exit__").get(), lock_.get(), Py_None,
-                    Py_None, Py_None);
+        call(manager_method(lock_.get(), "__exit__").get(), lock_.get(), Py_None, Py_None, Py_None);
     }
 }
 

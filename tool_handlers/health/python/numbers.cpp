@@ -4,7 +4,6 @@
 #include <charconv>
 #include <cmath>
 
-
 namespace health::py {
 
 namespace {

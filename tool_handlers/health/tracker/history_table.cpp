@@ -123,9 +123,9 @@ Snapshot take_snapshot(Tracker& tracker, const Host& host) {
 }  // namespace
 
 void load(Tracker& tracker, const Host& host) {
-    const Database database(host, require(tracker.repo, "_repo"));
     Ref rows;
     const auto read = [&] {
+        const Database database(host, require(tracker.repo, "_repo"));
         rows = Ref::steal(PySequence_List(database.fetch_all(select_all).get()));
         delete_removed(database, host, rows.get());
     };

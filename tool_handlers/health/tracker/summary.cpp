@@ -20,7 +20,8 @@ constexpr int average_decimals = 2;
 /// What a usage row shows of its entry, as it was when the entry was read. The rows themselves are made tool by tool: a
 /// tool's rows then lie side by side in memory, wherever its entries were.
 ///
-/// Plain numbers are read as such, and become objects again in their row: so no object far away is touched for it twice.
+/// Plain numbers are read as such, and become objects again in their row: so no object far away is touched for it
+/// twice.
 struct Line {
     Ref action;
     Ref outcome;
