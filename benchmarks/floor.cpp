@@ -50,7 +50,7 @@ PyType_Spec floor_spec = {.name = "health_floor.Floor",
 
 int execute(PyObject* module) {
     PyObject* done = health::py::to_runtime([&] {
-        const Ref type = Ref::steal(PyType_FromModuleAndSpec(module, &floor_spec, nullptr));
+        const Ref type = health::py::make_type(module, floor_spec);
         const Ref function_type = health::py::make_function_type(module);
         const FunctionHome home{.function_type = reinterpret_cast<PyTypeObject*>(function_type.get()),
                                 .module = module,

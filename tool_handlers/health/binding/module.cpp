@@ -148,7 +148,7 @@ void Binder::bind_host_names() {
 }
 
 void Binder::bind_constants() {
-    const Ref logging = Ref::borrow(PyDict_GetItemString(host().globals, "logging"));
+    const Ref logging = py::get_attribute(module_, "logging");
     const Ref name = py::get_attribute(module_, "__name__");
     bind("logger", py::call(py::get_attribute(logging.get(), "getLogger").get(), name.get()));
     bind("_SQLITE_TIMESTAMP", py::text(sqlite_timestamp));
@@ -176,7 +176,7 @@ void Binder::bind_record(RecordType<Fields>& type, const char* name, PyObject* d
 }
 
 void Binder::bind_records() {
-    const Ref dataclass = Ref::borrow(PyDict_GetItemString(host().globals, "dataclass"));
+    const Ref dataclass = py::get_attribute(module_, "dataclass");
     bind_record(host().records.tool_state, "_ToolState", dataclass.get());
     bind_record(host().records.usage, "_Usage", dataclass.get());
 }

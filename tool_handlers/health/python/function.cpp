@@ -256,7 +256,7 @@ PyType_Spec type_spec = {
 }  // namespace
 
 Ref make_function_type(PyObject* module) {
-    return Ref::steal(PyType_FromModuleAndSpec(module, &type_spec, nullptr));
+    return make_type(module, type_spec);
 }
 
 Ref make_function(const FunctionHome& home, const Definition& definition) {

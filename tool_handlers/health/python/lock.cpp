@@ -9,11 +9,14 @@ namespace {
 /// A method of a context manager's type, as a `with` statement looks it up.
 Ref manager_method(PyObject* manager, const char* name) {
     Ref method = Ref::steal_optional(PyObject_GetAttrString(reinterpret_cast<PyObject*>(Py_TYPE(manager)), name));
-    if (!method && PyErr_ExceptionMatches(PyExc_AttributeError) != 0) {
+    if (method) {
+        return method;
+    }
+    if (PyErr_ExceptionMatches(PyExc_AttributeError) != 0) {
         raise(PyExc_TypeError, "'%.200s' object does not support the context manager protocol",
               Py_TYPE(manager)->tp_name);
     }
-    return method ? std::move(method) : Ref::steal(nullptr);
+    throw_current();
 }
 
 }  // namespace

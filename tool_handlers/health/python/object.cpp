@@ -42,6 +42,14 @@ Ref call_method_vector(PyObject* name, PyObject* const* arguments, std::size_t c
     return Ref::steal(result);
 }
 
+Ref make_type(PyObject* module, PyType_Spec& description) {
+    PyObject* type = PyType_FromModuleAndSpec(module, &description, nullptr);
+    if (type == nullptr && PyErr_Occurred() == nullptr) {
+        PyErr_NoMemory();  // the runtime leaves it unsaid when there is no memory for the type's name
+    }
+    return Ref::steal(type);
+}
+
 void unpack(PyObject* iterable, Ref* items, Py_ssize_t count) {
     if (!PyTuple_CheckExact(iterable) && Py_TYPE(iterable)->tp_iter == nullptr && !PySequence_Check(iterable)) {
         raise(PyExc_TypeError, "cannot unpack non-iterable %.200s object", Py_TYPE(iterable)->tp_name);

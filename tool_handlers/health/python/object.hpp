@@ -54,6 +54,9 @@ Ref call_method(PyObject* object, PyObject* name, Arguments... arguments) {
     return call_method_vector(name, stack.data() + 1, sizeof...(arguments) + 1);
 }
 
+/// A new heap type of a module. Throws what makes it fail, want of memory included.
+Ref make_type(PyObject* module, PyType_Spec& description);
+
 /// A new text that holds `value`.
 inline Ref text(const char* value) {
     return Ref::steal(PyUnicode_FromString(value));

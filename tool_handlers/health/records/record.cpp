@@ -175,7 +175,7 @@ auto field_members = [] {
 
 template <class Fields>
 void RecordType<Fields>::declare(PyObject* module) {
-    const Ref type = Ref::steal(PyType_FromModuleAndSpec(module, &type_spec<Fields>, nullptr));
+    const Ref type = py::make_type(module, type_spec<Fields>);
     py::check(PyObject_SetAttrString(type.get(), "__module__", py::get_attribute(module, "__name__").get()));
     const Ref annotations = Ref::steal(PyDict_New());
     for (std::size_t index = 0; index < defaults_.size(); ++index) {

@@ -116,7 +116,7 @@ PyType_Spec type_spec = {
 }  // namespace
 
 py::Ref make_tracker_type(PyObject* module) {
-    py::Ref type = py::Ref::steal(PyType_FromModuleAndSpec(module, &type_spec, nullptr));
+    py::Ref type = py::make_type(module, type_spec);
     py::check(PyObject_SetAttrString(type.get(), "__module__", py::get_attribute(module, "__name__").get()));
     return type;
 }
