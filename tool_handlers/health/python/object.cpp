@@ -12,7 +12,9 @@ Ref get_plain_attribute(PyObject* object, PyObject* name) {
         !Py_IS_TYPE(descriptor, &PyMemberDescr_Type)) {
         return {};
     }
+    Py_INCREF(object);  // without a guard: this is on every failed call's path
     PyObject* value = PyObject_GenericGetAttr(object, name);
+    Py_DECREF(object);
     if (value == nullptr) {
         PyErr_Clear();
         return {};

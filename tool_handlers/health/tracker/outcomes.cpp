@@ -138,7 +138,7 @@ void record_error(Tracker& tracker, Host& host, PyObject* tool_name, PyObject* e
     update.set(last_error, shorten(error));
     Ref now = read_clock(host, guard);
     if (!guard.only_looked()) {
-        threshold = disable_after_errors(host, require(tracker.limits, "_limits"));
+        threshold = disable_after_errors(host, limits(tracker).get());
     }
     if (py::is_at_least(run.get(), threshold.get())) {
         update.set(disabled_at, Ref::borrow(now.get()));
@@ -180,7 +180,7 @@ Ref is_disabled(Tracker& tracker, Host& host, PyObject* tool_name) {
 }
 
 Ref cooldown_s(const Tracker& tracker, const Host& host) {
-    return disable_cooldown_s(host, require(tracker.limits, "_limits"));
+    return disable_cooldown_s(host, limits(tracker).get());
 }
 
 }  // namespace health
