@@ -1,0 +1,158 @@
+"""Memory that runs out: every allocation of every operation fails, alone and with all that follow.
+
+It is tried in other processes, so that a crash is one failed case.
+"""
+
+import gc
+import json
+import sys
+import time
+import unittest
+from unittest import mock
+
+from harness import OPERATIONS, World, always, native_host, shown
+from support import health, run_child
+
+try:
+    import _testcapi
+except ImportError:  # an interpreter without its tests
+    _testcapi = None
+
+CALM = 8  # so many points in a row that show no effect: there are no more
+# The runtime's own Python code does not survive this: with no memory at all it enters its handlers for ever.
+ONCE_ONLY = ("epoch of a lenient text",)
+# Where the runtime itself loses something when it has no memory, as in making a list of another.
+RUNTIME_LEAKS = ("construct", "time of a bool", "epoch of a lenient text", "copy a record", "import")
+# What the runtime makes of a MemoryError: of a lock it cannot have, and of a traceback it cannot lengthen.
+RUNTIME_ERRORS = ("can't allocate lock", "error return without exception set")
+
+
+def attempt(operation, world, first, last):
+    """Run while the allocations number ``first`` to ``last`` fail; all from the first on where that is 0. (Kept short:
+    far into a function the runtime needs memory to enter a handler.)"""
+    _testcapi.set_nomemory(first - 1, last)
+    try:
+        return operation.run(world)
+    finally:
+        _testcapi.remove_mem_hooks()
+
+
+class Sweep:
+    """One operation, tried at each of its failure points."""
+
+    def __init__(self, name):
+        self.name, self.operation = name, OPERATIONS[name]
+        self.points = 0
+        world = self.make()
+        self.before = shown(world.tracker)
+        self.answer = shown(self.operation.run(world))
+        self.after = shown(world.tracker)
+        self.saved = self.save(world)
+
+    def make(self):
+        world = World()
+        self.operation.prepare(world)
+        return world
+
+    def run(self):
+        clocks = time.time, always(time.time())
+        for clock in clocks:
+            for for_good in (False, True)[: 1 if self.name in ONCE_ONLY else 2]:
+                with mock.patch("time.time", clock):
+                    self.points += self.sweep(for_good)
+        if self.name not in RUNTIME_LEAKS:
+            self.check_leaks()
+        return self.points
+
+    def check_leaks(self):
+        gc.collect()
+        blocks, repeats = sys.getallocatedblocks(), 4
+        for _ in range(repeats):
+            self.sweep(False)
+        gc.collect()
+        grown = sys.getallocatedblocks() - blocks
+        assert grown < repeats, f"{grown} blocks leaked"
+
+    def sweep(self, for_good):
+        point = calm = 0
+        while calm < CALM:
+            point += 1
+            try:
+                calm = 0 if self.try_at(point, 0 if for_good else point) else calm + 1
+            except BaseException as error:
+                raise AssertionError(f"allocation {point}{' and all that follow' * for_good} failed") from error
+        return point - calm
+
+    def try_at(self, first, last):
+        """Try one failure point; whether the failure showed."""
+        world = self.make()
+        warnings = health.logger.warning.__self__
+        warnings.clear()
+        failed = False  # and not the error: the runtime has only so many to give away without memory
+        try:
+            answer = shown(attempt(self.operation, world, first, last))
+        except (MemoryError, RuntimeError, SystemError) as error:
+            assert type(error) is MemoryError or str(error) in RUNTIME_ERRORS, repr(error)
+            failed = True
+        assert not world.tracker._lock.locked(), "the lock is held"
+        remembered = shown(world.tracker)
+        if not failed:
+            self.check_answer(answer, len(warnings))
+            assert remembered[:2] == self.after[:2], remembered
+        else:
+            self.check_undone(world, remembered)
+        assert self.save(world) == self.saved, "marks are lost"
+        return failed or bool(warnings)
+
+    def check_answer(self, answer, warnings):
+        if self.name == "construct":  # what it could not read is left out, with a warning
+            states, usage, marks, is_changed = self.answer
+            assert answer[0] in ([], states) and answer[1:] in ([[], marks, False], [usage, marks, is_changed]), answer
+            assert warnings == (answer[0] != states) + (answer[1] != usage), warnings
+        else:
+            assert answer == self.answer and not warnings, answer
+
+    def check_undone(self, world, remembered):
+        """It happened or it did not, and then it can be made to."""
+        assert remembered[:2] in (self.before[:2], self.after[:2]), remembered
+        if remembered[:2] != self.after[:2] or self.before == self.after:
+            answer = shown(self.operation.run(world))
+            assert answer == self.answer or self.name == "flush", answer
+        assert shown(world.tracker)[:2] == self.after[:2], "after another call"
+
+    def save(self, world):
+        """Write all that is left to write; the rows of tools that were ever written."""
+        world.db.execute = world.db.executemany = world.written.__setitem__
+        is_changed = world.tracker.has_unsaved_changes
+        assert bool(world.tracker.flush()) == is_changed, "has_unsaved_changes"
+        assert not world.tracker.has_unsaved_changes
+        return [shown(rows) for sql, rows in world.written.items() if "INTO tool_health" in sql]
+
+
+def sweep_all(names):
+    """In a child: try these operations and print a line for each."""
+    with native_host(), mock.patch("dataclasses.dataclass", callable), mock.patch("logging.getLogger", callable):
+        for name in names:
+            try:
+                outcome = Sweep(name).run()
+            except AssertionError as error:
+                outcome = f"{error}: {error.__cause__!r}"
+            print(json.dumps([name, outcome]), flush=True)
+
+
+@unittest.skipUnless(_testcapi, "needs _testcapi")
+class Memory(unittest.TestCase):
+    def test_every_allocation_of_every_operation(self):
+        left, points = list(OPERATIONS), 0
+        while left:
+            child = run_child("import sys, test_memory; test_memory.sweep_all(sys.argv[1:])", *left)
+            for name, outcome in map(json.loads, child.stdout.splitlines()):
+                with self.subTest(name):
+                    self.assertIs(type(outcome), int, outcome)
+                    points += outcome
+                left.remove(name)
+            if left:
+                with self.subTest(left.pop(0)):
+                    self.fail(f"crashed with {child.returncode}: {child.stderr}")
+        print(f"{points} failure points", file=sys.stderr)
+        self.assertGreater(points, 1000)
