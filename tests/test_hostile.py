@@ -3,12 +3,11 @@
 Most of it runs in other processes, so that a crash is one failed case: the last line of their output names it.
 """
 
-import faulthandler
 import functools
 import gc
 import itertools
 import json
-import sys
+import os
 import threading
 import unittest
 from types import SimpleNamespace
@@ -19,7 +18,9 @@ from support import NOW_TEXT, PATIENCE_S, FakeDatabase, TrackerTest, count, heal
 ACTING = """eq ne lt le gt ge bool index int float str repr format hash len iter getitem contains neg round add radd iadd
  sub rsub truediv rtruediv get action enter exit disable_after_errors disable_cooldown_s getattr""".split()
 FIELDS = "_repo", "_limits", "_lock", "_state", "_dirty", "_usage", "_usage_dirty"
+FIELDS_OF_RECORDS = *health._ToolState.__annotations__, *health._Usage.__annotations__
 ENTRY = {"tool": "a", "action": "x", "outcome": "ok", "alias_hit": True, "calls": 3, "timed_calls": 2, "total_ms": 2.5}
+LONG = 1_000_000 if "malloc" not in os.environ.get("PYTHONMALLOC", "") else 100_000  # under a sanitizer all is slow
 ROW = ("a", 5, 3, "bad", NOW_TEXT, NOW_TEXT)
 
 
@@ -111,9 +112,9 @@ class World:
     def spoil_records(self):
         for record in (*self.tracker._state.values(), *self.tracker._usage.values()):
             vars(record)["more"] = 1
-            for name in list(type(record).__annotations__):
+            for name in FIELDS_OF_RECORDS:
                 result(delattr, record, name)
-            result(setattr, record, "__class__", type("Other", (type(record),), {"calls": property(len), "call_count": 7}))
+            record.__class__ = type("Other", (type(record),), {"calls": property(len), "call_count": 7})
 
     def re_enter(self):
         """Needs a lock that lets the same thread in again."""
@@ -135,24 +136,23 @@ def put_whole_key(world, odd):
 
 
 def put_fields(world, odd):
-    for record in (*world.tracker._state.values(), *world.tracker._usage.values()):
-        for name in list(type(record).__annotations__):
-            setattr(record, name, odd)
+    for name in FIELDS_OF_RECORDS:
+        put_field(name, world, odd)
 
 
 def put_field(name, world, odd):
     for record in (*world.tracker._state.values(), *world.tracker._usage.values()):
         if name in type(record).__annotations__:
-            setattr(record, name, type(odd)())
+            setattr(record, name, odd)
 
 
 PLACES = {
     "keys": put_key,
     "whole key": put_whole_key,
     "fields": put_fields,
-    **{f"field {name}": functools.partial(put_field, name) for kind in (health._ToolState, health._Usage) for name in kind.__annotations__},
+    **{name: functools.partial(put_field, name) for name in FIELDS_OF_RECORDS},
     "settings": lambda world, odd: setattr(world.tracker, "_limits", odd),
-    "one setting": lambda world, odd: vars(world.tracker._limits).update(disable_after_errors=odd, disable_cooldown_s=odd),
+    "a setting": lambda world, odd: vars(world.tracker._limits).update(disable_after_errors=odd, disable_cooldown_s=odd),
     "usage mark": lambda world, odd: setattr(world.tracker, "_usage_dirty", odd),
     "lock": lambda world, odd: setattr(world.tracker, "_lock", odd),
     "repository": lambda world, odd: setattr(world.tracker, "_repo", odd),
@@ -160,7 +160,7 @@ PLACES = {
     "registry": lambda world, odd: setattr(health, "TOOLS", odd),
     "clock": lambda world, odd: setattr(health.time, "time", lambda: (Odd.strike(), odd)[1]),
     "slow": lambda world, odd: setattr(health, "is_slow_call", lambda *args: (Odd.strike(), odd)[1]),
-    "types": lambda world, odd: (setattr(health, "_ToolState", lambda **kwargs: odd), setattr(health, "_Usage", lambda *args: odd)),
+    "types": lambda world, odd: vars(health).update(_ToolState=lambda **values: odd, _Usage=lambda *values: odd),
     "argument": lambda world, odd: ARGUMENTS.__setitem__(slice(None), [odd]),
 }
 ARGUMENTS = []
@@ -244,6 +244,125 @@ class HostileTest(TrackerTest):
             with self.subTest(act):
                 self.run_apart(f"t.sweep({act!r})")
 
+    def test_operations_that_call_themselves_end_in_an_error(self):
+        for code in RECURSIONS:
+            with self.subTest(code):
+                self.run_apart(RECURSION.format(code=code))
+
+    def test_a_key_that_a_callback_counts_first(self):
+        self.run_apart(COUNTED_MEANWHILE)
+
+    def test_chains_of_any_length(self):
+        for chain in CHAINS:
+            with self.subTest(chain):
+                self.run_apart(CHAIN.format(chain=chain, length=LONG))
+
+    def test_every_changed_character_of_a_document(self):
+        """What the module writes is read natively; with a blank behind it by the runtime's parser."""
+        document = json.dumps([ENTRY, ENTRY | {"action": None, "calls": -120, "total_ms": -0.5}], separators=(",", ":"))
+        self.enterContext(mock.patch.object(health, "_known", lambda tool, action: True))
+        tracker = self.make(document=document)
+        self.assertEqual(len(tracker._usage), 2)
+        for place, new in itertools.product(range(len(document)), ["", *'019-.eE"\\,:{}[] n\0\x7f\x80é\ud800']):
+            for rest in (place, place + 1):
+                text = document[:place] + new + document[rest:]
+                self.assertEqual(self.read(tracker, text), self.read(tracker, text + " "), text)
+
+    def read(self, tracker, document):
+        """What a tracker reads from the document, as text, and how many warnings there were."""
+        tracker._usage, tracker.db = {}, None
+        self.db.answer = (document,)
+        self.warning.reset_mock()
+        tracker._load_usage()
+        return repr(tracker._usage), self.warning.call_count
+
+    def test_a_large_document(self):
+        names = [str(number) for number in range(LONG // 6)]
+        self.enterContext(mock.patch.object(health, "_known", lambda tool, action: True))
+        document = json.dumps([ENTRY | {"tool": name} for name in names], separators=(",", ":"))
+        for text in (document, document + " "):
+            tracker = self.make(document=text)
+            self.assertEqual([key[0] for key in tracker._usage], names)
+            self.assertEqual((tracker._usage.popitem()[1].total_ms, tracker.has_unsaved_changes), (2.5, False))
+            count(tracker, names[-1], "x", alias_hit=True)
+            self.assertEqual(tracker.flush(), len(names))
+            [(_, _, (_, written))] = self.db.calls
+            self.assertTrue(written.startswith(document[:-100]))
+            self.assertEqual(json.loads(written)[-1], ENTRY | {"tool": names[-1], "calls": 1, "timed_calls": 0, "total_ms": 0})
+
+    def test_a_document_deeper_than_the_stack(self):
+        for document in ("[" * 100_000, '[{"tool":' * 100_000, '{"a":' * 100_000 + "1" + "}" * 100_000):
+            outcome = self.check_same(lambda module, text: memory(self.make(document=text, module=module)), document)
+            self.assertIn("RecursionError", outcome)
+
+
+# Each calls itself, by way of the runtime alone where it can.
+RECURSIONS = """
+    tracker._flush_health = tracker.flush; tracker.flush()
+    Tracker.disable_cooldown_s = Tracker.cooldown_s; tracker._limits = tracker; tracker.cooldown_s
+    Tracker._load = lambda self: self.__init__(None); Tracker(None)
+    Tracker.__bool__ = health._epoch; health._epoch(tracker)
+    health.TOOLS = types.SimpleNamespace(get=functools.partial(health._known, 1)); health._known(1, 2)
+    Tracker.__hash__ = functools.partial(health._known, tracker, None); health._known(tracker, None)
+    health.thread_census = functools.partial(health.thread_census_report, 1); health.thread_census_report(1)
+    health.get_timing_collector = health.handle_get_tool_performance_stats; health.get_timing_collector()
+    tracker._lock = threading.RLock(); tracker._usage_rows = lambda tool: tracker.get_health_summary(); tracker.get_health_summary()
+""".strip().splitlines()
+RECURSION = """
+import functools, threading, types
+from test_hostile import health, FakeDatabase
+class Tracker(health.ToolHealthTracker):
+    pass
+tracker = Tracker(FakeDatabase())
+tracker.record_success("a")
+try:
+    {code}
+except RecursionError:
+    print("done")
+"""
+COUNTED_MEANWHILE = """
+import threading
+from test_hostile import count, health, FakeDatabase
+tracker = health.ToolHealthTracker(FakeDatabase())
+class Duration:
+    def __radd__(self, total):
+        tracker._lock = threading.Lock()
+        for _ in range(9):
+            count(tracker, "".join(name), duration_ms=1)  # the same text, but other objects
+        return total + 1
+for name in [("new", str(number)) for number in range(50)]:
+    count(tracker, "".join(name), duration_ms=Duration())
+    for _ in range(9):
+        count(tracker, "".join(name), duration_ms=1)
+    assert tracker._usage["".join(name), None, "ok", False].calls == 10, tracker._usage
+    assert len(tracker.get_health_summary()) == len(tracker._usage) == int(name[1]) + 1
+print("done")
+"""
+CHAINS = """
+    link = health._ToolState(last_error=link)
+    link = health._Usage(calls=[link])
+    link.more = link = Usage(1, link)
+    link, link.more = health._Usage(), link
+    link, link._repo = Tracker.__new__(Tracker), link
+    link, link._limits = health.ToolHealthTracker.__new__(health.ToolHealthTracker), (link,)
+    link, link.more = health.ToolHealthTracker.__new__(health.ToolHealthTracker), link
+""".strip("\n").splitlines()
+CHAIN = """
+import gc
+from test_hostile import health
+class Usage(health._Usage):
+    __slots__ = ("slot",)
+    def __del__(self): pass
+class Tracker(health.ToolHealthTracker):
+    def __del__(self): pass
+link = first = health._Usage()
+for _ in range({length}):
+{chain}
+del link
+gc.collect()
+assert gc.get_referrers(first) == [] or globals() in gc.get_referrers(first)
+print("done")
+"""
 
 if __name__ == "__main__":
     unittest.main()
