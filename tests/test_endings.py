@@ -1,0 +1,268 @@
+"""How things end: interpreters with threads inside the module, forked processes, subinterpreters, modules, trackers."""
+
+import atexit
+import gc
+import importlib
+import os
+import sys
+import threading
+import time
+import unittest
+import warnings
+import weakref
+from types import SimpleNamespace
+
+from harness import OPERATIONS, World, import_afresh, native_host
+from support import health, in_thread, result, run_child
+
+try:
+    import _xxsubinterpreters as interpreters
+except ImportError:
+    interpreters = None
+
+
+def acting(**methods):
+    return type("Acting", (), methods)()
+
+
+def usage(world):
+    return world.tracker._usage["a", "x", "ok", True]
+
+
+# Where a thread is when the interpreter ends: the operation it is in; whose attribute, of what name, leads it there;
+# and what that is made of, given a function that does not come back.
+PLACES = {
+    "threshold": ("error of a marked tool", lambda world: world.tracker, "_limits",
+                  lambda stay: acting(disable_after_errors=property(stay))),
+    "cooldown": ("ask for a disabled tool", lambda world: world.tracker, "_limits",
+                 lambda stay: acting(disable_cooldown_s=property(stay))),
+    "clock": ("success of a marked tool", lambda world: time, "time", lambda stay: stay),
+    "sum": ("count a known key", usage, "total_ms", lambda stay: acting(__iadd__=stay)),
+    "slowness": ("summary", lambda world: health, "is_slow_call", lambda stay: stay),
+    "registry": ("construct", lambda world: health, "TOOLS", lambda stay: SimpleNamespace(get=stay)),
+    "action": ("construct", lambda world: health, "TOOLS", lambda stay: {"a": SimpleNamespace(action=stay)}),
+    "read rows": ("construct", lambda world: world.db, "fetchall", lambda stay: stay),
+    "read document": ("construct", lambda world: world.db, "fetchone", lambda stay: stay),
+    "write rows": ("flush", lambda world: world.db, "executemany", lambda stay: stay),
+    "write document": ("flush", lambda world: world.db, "execute", lambda stay: stay),
+    "report": ("performance report", lambda world: health, "get_timing_collector", lambda stay: stay),
+    "census": ("thread census", lambda world: health, "thread_census", lambda stay: stay),
+    "held lock": ("success of a marked tool", lambda world: world.tracker._lock, "", lambda stay: None),
+    "entry of a lock": ("success of a marked tool", lambda world: world.tracker, "_lock",
+                        lambda stay: acting(__enter__=stay, __exit__=stay)),
+    "exit of a lock": ("success of a marked tool", lambda world: world.tracker, "_lock",
+                       lambda stay: acting(__enter__=lambda self: None, __exit__=stay)),
+    "replaced value": ("error of a marked tool", lambda world: world.tracker._state["a"], "last_error",
+                       lambda stay: acting(__del__=stay)),
+    "replaced mark": ("count a known key", lambda world: world.tracker, "_usage_dirty",
+                      lambda stay: acting(__del__=stay)),
+    "listed value": ("summary", lambda world: world.tracker, "_usage",
+                     lambda stay: {("a", acting(__del__=stay), "ok", 1): health._Usage()}),
+    "value of a failed call": ("count nonsense", usage, "calls",
+                               lambda stay: acting(__iadd__=lambda *_: acting(__del__=stay))),
+}  # fmt: skip
+
+
+class Last:
+    """Dies while the interpreter ends: waits until it is alone, and then uses the tracker."""
+
+    def __init__(self, tracker):
+        self.tracker = tracker
+        self.lock_of_main = None
+
+    def __del__(self, listdir=os.listdir, sleep=time.sleep, write=os.write, result=result):
+        if self.lock_of_main:
+            self.lock_of_main.release()  # to the thread that waits for it, which is ended then and keeps it
+        while len(listdir("/proc/self/task")) > 1:
+            sleep(0.001)
+        tracker = self.tracker
+        used = result(tracker.record_success, "c"), result(tracker.is_disabled, "b"), result(tracker.get_health_summary)
+        write(1, f"{used} late".encode())
+
+
+def stop_inside(place):
+    """In a child: end the interpreter while a thread is there."""
+    native_host().start()
+    world, inside, main = World(), threading.Event(), threading.get_ident()
+
+    def stay(*args):
+        inside.set()
+        while threading.get_ident() != main:
+            pass
+
+    name, target, attribute, value = PLACES[place]
+    operation = OPERATIONS[name]
+    operation.prepare(world)
+    last = sys.modules["__main__"].last = Last(world.tracker)
+    if place == "held lock":
+        last.lock_of_main = world.tracker._lock
+        world.tracker._lock.acquire()
+        inside.set()
+    else:
+        setattr(target(world), attribute, value(stay))
+    if place == "listed value":
+        health.is_slow_call = lambda *key: world.tracker._usage.clear()
+    in_thread(lambda: operation.run(world))
+    inside.wait()
+
+
+def work_at_exit():
+    """In a child: every operation runs at exit, beside threads that never stop."""
+    native_host().start()
+    world, are_running = World(), [threading.Event() for _ in range(3)]
+
+    def work(running, forever):
+        while True:
+            for operation in OPERATIONS.values():
+                result(operation.prepare, world)
+                result(operation.run, world)
+            running.set()
+            if not forever:
+                return
+
+    for running in are_running:
+        in_thread(lambda running=running: work(running, forever=True))
+        running.wait()
+    atexit.register(work, threading.Event(), forever=False)
+
+
+def fork_while_held():
+    """In a child: fork while another thread holds the lock. The new process has a tracker whose lock nobody will ever
+    release; all that it remembers is whole, with a new lock it works, and so do other trackers."""
+    warnings.simplefilter("ignore", DeprecationWarning)  # about forks beside threads
+    native_host().start()
+    world, is_held, may_end = World(), threading.Event(), threading.Event()
+    health.is_slow_call = lambda *key: is_held.set() or may_end.wait()
+    holder = in_thread(world.tracker.get_health_summary)
+    is_held.wait()
+    child = os.fork()
+    health.is_slow_call = lambda *key: False
+    if not child:
+        assert world.tracker._lock.locked()
+        world.tracker._lock = threading.Lock()
+    else:
+        assert os.waitpid(child, 0)[1] == 0
+        may_end.set()
+        holder.join()
+    for used in (world.tracker, World().tracker):
+        used.record_success("a")
+        assert used._state["a"].call_count == 6 and used.flush() == 2 and len(used.get_health_summary()) == 3
+    os._exit(0) if not child else print("done", end="")
+
+
+IN_ANOTHER_INTERPRETER = """
+from types import SimpleNamespace
+from quorl_dendra.tool_handlers import health
+entry = '{"tool":"search","action":"text","outcome":"ok","alias_hit":false,"calls":1,"timed_calls":1,"total_ms":2.5}'
+row = ("search", 1, 0, None, None, "2001-2-3 4:5:6")
+db = SimpleNamespace(fetchall=lambda sql: [row], fetchone=lambda *_: (f"[{entry}]",))
+db.execute = db.executemany = lambda *_: None
+tracker = health.ToolHealthTracker(SimpleNamespace(db=db))
+tracker.own = tracker
+for _ in range(9):
+    tracker.record_error("search", "bad")
+    tracker.record_call("search", None, "é", alias_hit=True, duration_ms=1)
+assert tracker.is_disabled("search") == (True, "bad") and tracker.flush() == 3
+assert [row["calls"] for row in tracker.get_health_summary()[0]["usage"]] == [9, 1]
+assert health._sqlite_time(True) == "1970-01-01 00:00:01" and health.thread_census_report(9)["budget"] == 9
+"""
+
+
+def use_subinterpreters():
+    """In a child: one after another, with a GIL of their own or not, beside this one."""
+    exec(IN_ANOTHER_INTERPRETER, kept := {})
+    for is_isolated in (True, False) * 3:
+        other = interpreters.create(isolated=is_isolated)
+        interpreters.run_string(other, IN_ANOTHER_INTERPRETER)
+        interpreters.destroy(other)
+        kept["tracker"].record_success("search")
+        exec(IN_ANOTHER_INTERPRETER, {})
+    assert kept["tracker"]._state["search"].call_count == 16
+    print("done", end="")
+
+
+def cycle_through(field):
+    def make(world):
+        setattr(world.tracker, field, [world.tracker])
+        return world.tracker
+
+    return make
+
+
+def use(module, world):
+    world.tracker = module.ToolHealthTracker(world)
+    return module
+
+
+# What holds itself: made with a world.
+CYCLES = {
+    **{f"tracker's {field}": cycle_through(field) for field in ("_repo", "_limits", "_state", "_usage_dirty", "more")},
+    "state of a tracker": lambda world: world.tracker._state.setdefault("own", world.tracker),
+    "field of a state": lambda world: vars(world).setdefault("own", health._ToolState(last_error=world)),
+    "field of a count": lambda world: vars(world).setdefault("own", health._Usage(total_ms=world)),
+    "attribute of a record": lambda world: vars(record := health._Usage()).setdefault("own", record),
+    "module": lambda world: import_afresh(),
+    "module in use": lambda world: use(import_afresh(), world),
+}
+class Endless:
+    """A sequence that is asked for only so much."""
+
+    def __getitem__(self, index):
+        assert index < 9
+        return "a"
+
+
+class Endings(unittest.TestCase):
+    def run_apart(self, code, *args):
+        child = run_child("import sys, test_endings as t; t." + code, *args)
+        self.assertEqual((child.returncode, child.stderr), (0, ""))
+        return child.stdout
+
+    def test_interpreter_with_a_thread_inside(self):
+        """The thread ends where it is, and the tracker serves on."""
+        for place in PLACES:
+            with self.subTest(place):
+                self.assertRegex(self.run_apart("stop_inside(sys.argv[1])", place), r"^\(None, .* late$")
+
+    def test_operations_at_exit(self):
+        self.run_apart("work_at_exit()")
+
+    def test_fork_while_the_lock_is_held(self):
+        self.assertEqual(self.run_apart("fork_while_held()"), "done")
+
+    @unittest.skipUnless(interpreters, "needs _xxsubinterpreters")
+    def test_subinterpreters(self):
+        self.assertEqual(self.run_apart("use_subinterpreters()"), "done")
+
+    def test_fresh_imports_and_reloads(self):
+        """A module of its own each time; a reload leaves the module as it is."""
+        tracker, kept = World().tracker, vars(health).copy()
+        others = [import_afresh() for _ in range(3)]
+        self.assertIs(importlib.reload(health), health)
+        self.assertEqual({**vars(health), **kept}, vars(health))
+        self.assertEqual(len({module._ToolState for module in (health, *others)}), 4)
+        for module in others:
+            other = module.ToolHealthTracker(tracker._repo)
+            other.record_success("a")
+            self.assertIs(type(other._state["a"]), module._ToolState)
+            self.assertRaises(TypeError, health.ToolHealthTracker.record_success, other, "a")
+        tracker.record_success("a")
+        self.assertEqual(tracker._state["a"].call_count, 1)
+
+    def test_cycles_are_collected(self):
+        for name, make in CYCLES.items():
+            with self.subTest(name):
+                watch = weakref.ref(make(World()))
+                gc.collect()
+                self.assertIsNone(watch())
+
+    def test_sequences_without_an_end(self):
+        """Are told from ones of the right length without being read on and on."""
+        with native_host():
+            world = World()
+            world.db.fetchall = lambda sql: [Endless()]
+            self.assertRaisesRegex(ValueError, "too many values", world.construct)
+            world.tracker._usage[Endless()] = health._Usage()
+            world.tracker._usage_dirty = True
+            for use in (world.tracker.flush, world.tracker.get_health_summary):
+                self.assertRaisesRegex(ValueError, "too many values", use)
