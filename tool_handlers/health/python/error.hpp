@@ -31,16 +31,22 @@ inline int check(int status) {
     return status;
 }
 
+/// Drops what was to be dropped while an exception was on its way (see ref.hpp). Runs Python code; the error indicator
+/// stays as it is.
+void drop_late();
+
 /// Runs `body` (which returns a `Ref`) for the runtime: a new reference, or NULL with the error set.
 template <class Body>
 PyObject* to_runtime(Body&& body) {
     try {
         return std::forward<Body>(body)().release();
     } catch (const PythonError&) {
-        return nullptr;
+        // The error is set.
     } catch (const std::bad_alloc&) {
-        return PyErr_NoMemory();
+        PyErr_NoMemory();
     }
+    drop_late();
+    return nullptr;
 }
 
 }  // namespace health::py

@@ -2,6 +2,16 @@
 
 namespace health::py {
 
+namespace {
+
+void enter_call() {
+    if (Py_EnterRecursiveCall(" while calling a Python object") != 0) {
+        throw_current();
+    }
+}
+
+}  // namespace
+
 Ref get_plain_attribute(PyObject* object, PyObject* name) {
     PyTypeObject* type = Py_TYPE(object);
     if (type->tp_getattro != PyObject_GenericGetAttr) {
@@ -31,14 +41,14 @@ Ref first_item(PyObject* sequence) {
 }
 
 Ref call_vector(PyObject* callable, PyObject* const* arguments, std::size_t count, PyObject* keywords) {
-    check(Py_EnterRecursiveCall(" while calling a Python object"));
+    enter_call();
     PyObject* result = PyObject_Vectorcall(callable, arguments, count | PY_VECTORCALL_ARGUMENTS_OFFSET, keywords);
     Py_LeaveRecursiveCall();
     return Ref::steal(result);
 }
 
 Ref call_method_vector(PyObject* name, PyObject* const* arguments, std::size_t count) {
-    check(Py_EnterRecursiveCall(" while calling a Python object"));
+    enter_call();
     PyObject* result = PyObject_VectorcallMethod(name, arguments, count | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr);
     Py_LeaveRecursiveCall();
     return Ref::steal(result);

@@ -7,6 +7,7 @@
 
 #include <Python.h>
 
+#include <exception>
 #include <utility>
 
 #include "health/python/error.hpp"
@@ -18,6 +19,15 @@ namespace health::py {
 inline bool is_attached() {
     return _PyThreadState_UncheckedGet() != nullptr;
 }
+
+/// Whether an exception is on its way through this module.
+inline bool is_unwinding() {
+    return std::uncaught_exceptions() > 0;
+}
+
+/// Takes a reference over, to be dropped by `drop_late`; false if there are too many already. Dropping a last reference
+/// may run Python code, and a forced unwind out of that would end the process while another exception is on its way.
+bool drop_later(PyObject* object);
 
 class Ref {
 public:
@@ -62,7 +72,11 @@ private:
 
     // Immortal objects (None, the bools, small integers) need no counting, and so no look at the thread either.
     static void drop(PyObject* object) {
-        if (object != nullptr && !_Py_IsImmortal(object) && is_attached()) {
+        if (object == nullptr || _Py_IsImmortal(object) || !is_attached()) {
+            return;
+        }
+        const bool is_last = Py_REFCNT(object) == 1;
+        if (!(is_last && is_unwinding() && drop_later(object))) {
             Py_DECREF(object);
         }
     }

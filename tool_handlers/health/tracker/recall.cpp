@@ -20,6 +20,12 @@ inline std::span<PyObject* const, UsageRecall::parts> parts_of(PyObject* key) {
     return std::span<PyObject* const, UsageRecall::parts>(&PyTuple_GET_ITEM(key, 0), UsageRecall::parts);
 }
 
+UsageRecall::Key key_of(PyObject* key) {
+    UsageRecall::Key parts;
+    std::ranges::copy(parts_of(key), parts.begin());
+    return parts;
+}
+
 bool is_plain(PyObject* key) {
     return PyTuple_CheckExact(key) && PyTuple_GET_SIZE(key) == UsageRecall::parts &&
            std::ranges::all_of(parts_of(key), is_plain_part);
@@ -143,9 +149,20 @@ void UsageRecall::forget() {
 }
 
 bool UsageRecall::is_consistent(PyObject* usage) const {
-    return !watch_.is_current(usage) || std::ranges::all_of(std::span(table_, size_), [&](const Entry& entry) {
-        return entry.key == nullptr || PyDict_GetItemWithError(usage, entry.key) == entry.record;
-    });
+    if (!watch_.is_current(usage)) {
+        return true;
+    }
+    std::size_t found = 0;
+    Py_ssize_t position = 0;
+    PyObject* key = nullptr;
+    PyObject* record = nullptr;
+    while (PyDict_Next(usage, &position, &key, &record) != 0) {
+        if (is_plain(key)) {
+            const Entry& place = place_of(key_of(key));
+            found += place.key == key && place.record == record ? 1 : 0;
+        }
+    }
+    return found == count_;
 }
 
 /// Makes room for so many keys. Without memory the recall forgets everything, which costs time only.
@@ -171,9 +188,7 @@ bool UsageRecall::reserve(std::size_t keys) {
 }
 
 void UsageRecall::put(PyObject* key, PyObject* record) {
-    Key parts_of_key;
-    std::ranges::copy(parts_of(key), parts_of_key.begin());
-    Entry& place = place_of(parts_of_key);
+    Entry& place = place_of(key_of(key));
     count_ += place.key == nullptr ? 1 : 0;
     place = {.key = key, .record = record};
 }

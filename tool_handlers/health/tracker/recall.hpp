@@ -63,7 +63,7 @@ public:
     /// `states[name] = record`. Throws what the assignment raises; runs Python code only if a key is not plain.
     void insert(PyObject* states, PyObject* name, PyObject* record);
 
-    /// Whether what it knows of the mapping is true. For checks.
+    /// Whether what it knows of the mapping is true. For checks; runs no Python code.
     [[nodiscard]] bool is_consistent(PyObject* states) const;
 
 private:
@@ -89,7 +89,7 @@ public:
     /// Forgets everything and gives the memory back.
     void forget();
 
-    /// Whether every answer it would give now is what the mapping holds. For checks.
+    /// Whether every answer it would give now is what the mapping holds. For checks; runs no Python code.
     [[nodiscard]] bool is_consistent(PyObject* usage) const;
 
 private:

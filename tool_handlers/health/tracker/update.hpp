@@ -26,10 +26,14 @@ public:
     Update(Update&&) = delete;
     Update& operator=(Update&&) = delete;
 
-    // One look at the thread serves all values.
+    // As references die, but one look at the thread serves all values.
     ~Update() noexcept(false) {
-        if (py::is_attached()) {
-            for (PyObject* value : values_) {
+        if (!py::is_attached()) {
+            return;
+        }
+        const bool is_unwinding = py::is_unwinding();
+        for (PyObject* value : values_) {
+            if (!(value != nullptr && is_unwinding && py::drop_later(value))) {
                 Py_XDECREF(value);
             }
         }
