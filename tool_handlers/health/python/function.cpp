@@ -51,8 +51,16 @@ Ref call_function(const Function& function, PyObject* const* given, Py_ssize_t p
     return function.definition->implementation(function.context, arguments.data());
 }
 
+/// The entry of every call. It guards the C stack, as the runtime's own native functions do: what a call runs may be
+/// native, too, and call back here without a Python frame in between.
 PyObject* vectorcall(PyObject* self, PyObject* const* arguments, std::size_t count, PyObject* keywords) {
-    return to_runtime([&] { return call_function(as_function(self), arguments, PyVectorcall_NARGS(count), keywords); });
+    if (Py_EnterRecursiveCall(" while calling a Python object") != 0) {
+        return nullptr;
+    }
+    PyObject* result =
+        to_runtime([&] { return call_function(as_function(self), arguments, PyVectorcall_NARGS(count), keywords); });
+    Py_LeaveRecursiveCall();
+    return result;
 }
 
 PyObject* bind_to(PyObject* self, PyObject* object, PyObject* /*type*/) {

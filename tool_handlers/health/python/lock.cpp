@@ -41,6 +41,10 @@ void LockMethods::acquire(PyObject* lock) const {
     const Ref done = Ref::steal(PyObject_CallOneArg(acquire_, lock));
 }
 
+bool LockMethods::try_acquire(PyObject* lock) const {
+    return is_true(call(acquire_, lock, Py_False).get());
+}
+
 void LockMethods::release(PyObject* lock) const {
     const Ref done = Ref::steal(PyObject_CallOneArg(release_, lock));
 }
@@ -83,10 +87,11 @@ void LockGuard::take() {
         call(manager_method(lock_.get(), "__enter__").get(), lock_.get());
         return;
     }
-    // Once the interpreter finalises, the other threads have ended wherever they were: a held lock stays held,
-    // and this last thread is alone without it.
-    abandoned_ = _Py_IsFinalizing() != 0 && methods_.is_held(lock_.get());
-    if (!abandoned_) {
+    // Once the interpreter finalises, the other threads have ended wherever they were: a lock that cannot be had stays
+    // held, and this last thread is alone without it.
+    if (_Py_IsFinalizing() != 0) {
+        abandoned_ = !methods_.try_acquire(lock_.get());
+    } else {
         methods_.acquire(lock_.get());
     }
 }

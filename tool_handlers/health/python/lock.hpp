@@ -32,6 +32,8 @@ public:
     [[nodiscard]] bool is_free(PyObject* lock) const { return is_native(lock) && !is_held(lock); }
     /// Waits for a native lock, letting other threads run. Throws when a signal handler does.
     void acquire(PyObject* lock) const;
+    /// Takes a native lock if that needs no waiting; whether it did.
+    [[nodiscard]] bool try_acquire(PyObject* lock) const;
     /// Releases a native lock. Runs no Python code; throws if nobody holds it.
     void release(PyObject* lock) const;
 

@@ -10,6 +10,8 @@
 
 namespace health::py {
 
+static_assert(sizeof(long) == 8, "counts are read as long");
+
 inline bool is_plain_number(PyObject* object) {
     return PyLong_CheckExact(object) || PyFloat_CheckExact(object);
 }

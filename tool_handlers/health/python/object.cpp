@@ -2,16 +2,6 @@
 
 namespace health::py {
 
-namespace {
-
-void enter_call() {
-    if (Py_EnterRecursiveCall(" while calling a Python object") != 0) {
-        throw_current();
-    }
-}
-
-}  // namespace
-
 Ref get_plain_attribute(PyObject* object, PyObject* name) {
     PyTypeObject* type = Py_TYPE(object);
     if (type->tp_getattro != PyObject_GenericGetAttr) {
@@ -41,17 +31,11 @@ Ref first_item(PyObject* sequence) {
 }
 
 Ref call_vector(PyObject* callable, PyObject* const* arguments, std::size_t count, PyObject* keywords) {
-    enter_call();
-    PyObject* result = PyObject_Vectorcall(callable, arguments, count | PY_VECTORCALL_ARGUMENTS_OFFSET, keywords);
-    Py_LeaveRecursiveCall();
-    return Ref::steal(result);
+    return Ref::steal(PyObject_Vectorcall(callable, arguments, count | PY_VECTORCALL_ARGUMENTS_OFFSET, keywords));
 }
 
 Ref call_method_vector(PyObject* name, PyObject* const* arguments, std::size_t count) {
-    enter_call();
-    PyObject* result = PyObject_VectorcallMethod(name, arguments, count | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr);
-    Py_LeaveRecursiveCall();
-    return Ref::steal(result);
+    return Ref::steal(PyObject_VectorcallMethod(name, arguments, count | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
 }
 
 Ref make_type(PyObject* module, PyType_Spec& description) {
@@ -62,20 +46,33 @@ Ref make_type(PyObject* module, PyType_Spec& description) {
     return Ref::steal(type);
 }
 
+Ref next_item(PyObject* iterator) {
+    Ref item = Ref::steal_optional(PyIter_Next(iterator));
+    if (!item && PyErr_Occurred() != nullptr) {
+        throw_current();
+    }
+    return item;
+}
+
 void unpack(PyObject* iterable, Ref* items, Py_ssize_t count) {
-    if (!PyTuple_CheckExact(iterable) && Py_TYPE(iterable)->tp_iter == nullptr && !PySequence_Check(iterable)) {
+    if (PyTuple_CheckExact(iterable) && PyTuple_GET_SIZE(iterable) == count) {
+        for (Py_ssize_t index = 0; index < count; ++index) {
+            items[index] = Ref::borrow(PyTuple_GET_ITEM(iterable, index));
+        }
+        return;
+    }
+    if (Py_TYPE(iterable)->tp_iter == nullptr && !PySequence_Check(iterable)) {
         raise(PyExc_TypeError, "cannot unpack non-iterable %.200s object", Py_TYPE(iterable)->tp_name);
     }
-    const Ref members = Ref::steal(PySequence_Tuple(iterable));
-    const Py_ssize_t size = PyTuple_GET_SIZE(members.get());
-    if (size > count) {
-        raise(PyExc_ValueError, "too many values to unpack (expected %zd)", count);
-    }
-    if (size < count) {
-        raise(PyExc_ValueError, "not enough values to unpack (expected %zd, got %zd)", count, size);
-    }
+    const Ref iterator = Ref::steal(PyObject_GetIter(iterable));
     for (Py_ssize_t index = 0; index < count; ++index) {
-        items[index] = Ref::borrow(PyTuple_GET_ITEM(members.get(), index));
+        items[index] = next_item(iterator.get());
+        if (!items[index]) {
+            raise(PyExc_ValueError, "not enough values to unpack (expected %zd, got %zd)", count, index);
+        }
+    }
+    if (next_item(iterator.get())) {
+        raise(PyExc_ValueError, "too many values to unpack (expected %zd)", count);
     }
 }
 

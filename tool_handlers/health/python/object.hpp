@@ -35,7 +35,6 @@ inline bool compares(PyObject* left, PyObject* right, int operation) {
 }
 
 /// Calls with `count` positional arguments from `arguments`, whose slot before the first may be written to.
-/// Guards the C stack: the callee may be native and call back here without a Python frame in between.
 Ref call_vector(PyObject* callable, PyObject* const* arguments, std::size_t count, PyObject* keywords = nullptr);
 
 template <class... Arguments>
@@ -71,6 +70,9 @@ template <class... Items>
 Ref make_tuple(Items... items) {
     return Ref::steal(PyTuple_Pack(sizeof...(items), items...));
 }
+
+/// The next item of an iterator; empty at its end.
+Ref next_item(PyObject* iterator);
 
 /// The members of an iterable of exactly as many as `items` holds, as an unpacking assignment takes them,
 /// with its errors.

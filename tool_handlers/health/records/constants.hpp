@@ -1,4 +1,4 @@
-// The module's constants, and the lengths and words that more than one file needs.
+// The module's constants.
 #pragma once
 
 #include <Python.h>

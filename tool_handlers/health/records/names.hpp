@@ -98,7 +98,7 @@ enum class Name : unsigned char {
 #undef HEALTH_MEMBER
 };
 
-/// The interned texts. Strong references, visited and cleared with the module's state.
+/// The interned texts. Strong references, cleared with the module's state.
 class Names {
 public:
     /// Interns all. Throws a MemoryError.

@@ -85,7 +85,8 @@ template <class Fields>
 void deallocate(PyObject* self) {
     PyTypeObject* type = Py_TYPE(self);
     PyObject_GC_UnTrack(self);
-    Py_TRASHCAN_BEGIN(self, deallocate<Fields>) if (Record<Fields>::of(self).weak_references != nullptr) {
+    Py_TRASHCAN_BEGIN(self, deallocate<Fields>);
+    if (Record<Fields>::of(self).weak_references != nullptr) {
         PyObject_ClearWeakRefs(self);
     }
     clear<Fields>(self);
@@ -107,16 +108,12 @@ Ref fields_of(PyObject* self) {
     return fields;
 }
 
-/// `(copyreg.__newobj__, (type,), (attributes, fields))`: how types with slots are copied and pickled.
+/// `(attributes or None, fields)`: the state of a type with slots, from which the runtime makes copies and pickles.
 template <class Fields>
-PyObject* reduce(PyObject* self, PyObject* /*none*/) {
+PyObject* get_state(PyObject* self, PyObject* /*none*/) {
     return py::to_runtime([&] {
-        const Ref copyreg = Ref::steal(PyImport_ImportModule("copyreg"));
-        const Ref make = py::get_attribute(copyreg.get(), "__newobj__");
-        const Ref type = py::make_tuple(reinterpret_cast<PyObject*>(Py_TYPE(self)));
         PyObject* attributes = Record<Fields>::of(self).attributes;
-        const Ref state = py::make_tuple(attributes == nullptr ? Py_None : attributes, fields_of<Fields>(self).get());
-        return py::make_tuple(make.get(), type.get(), state.get());
+        return py::make_tuple(attributes == nullptr ? Py_None : attributes, fields_of<Fields>(self).get());
     });
 }
 
@@ -134,7 +131,7 @@ PyGetSetDef computed[] = {
 
 template <class Fields>
 PyMethodDef methods[] = {
-    {"__reduce__", reduce<Fields>, METH_NOARGS, nullptr},
+    {"__getstate__", get_state<Fields>, METH_NOARGS, nullptr},
     {nullptr, nullptr, 0, nullptr},
 };
 

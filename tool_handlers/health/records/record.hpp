@@ -115,8 +115,6 @@ public:
         }
     }
 
-    [[nodiscard]] PyObject* object() const { return object_; }
-
 private:
     [[nodiscard]] auto& slots() const { return Record<Fields>::of(object_).fields; }
     [[nodiscard]] PyObject* name_of(Field field) const { return names_[Fields::names[field]]; }

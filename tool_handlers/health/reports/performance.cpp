@@ -29,11 +29,8 @@ Ref make_entry(const Host& host, PyObject* element) {
 Ref performance_report(const Host& host) {
     const Ref iterator = Ref::steal(PyObject_GetIter(collect(host).get()));
     const Ref entries = Ref::steal(PyList_New(0));
-    while (const Ref element = Ref::steal_optional(PyIter_Next(iterator.get()))) {
+    while (const Ref element = py::next_item(iterator.get())) {
         py::check(PyList_Append(entries.get(), make_entry(host, element.get()).get()));
-    }
-    if (PyErr_Occurred() != nullptr) {
-        py::throw_current();
     }
     Ref report = Ref::steal(PyDict_New());
     py::check(PyDict_SetItem(report.get(), host.names[Name::tools], entries.get()));

@@ -79,7 +79,7 @@ bool CanonicalReader::take_count(long& count) {
     constexpr std::size_t most_digits = 18;
     const std::string_view number = rest_.substr(0, std::min(rest_.find(','), most_digits));
     rest_.remove_prefix(number.size());
-    return is_integer(number) && std::from_chars(number.begin(), number.end(), count).ec == std::errc();
+    return is_integer(number) && std::from_chars(number.data(), number.data() + number.size(), count).ec == std::errc();
 }
 
 bool CanonicalReader::take_total(double& total) {
@@ -88,7 +88,7 @@ bool CanonicalReader::take_total(double& total) {
     const std::string_view decimals = number.substr(std::min(whole.size() + 1, number.size()));
     rest_.remove_prefix(number.size());
     return is_integer(whole) && !decimals.empty() && std::ranges::all_of(decimals, is_digit) &&
-           std::from_chars(number.begin(), number.end(), total).ec == std::errc();
+           std::from_chars(number.data(), number.data() + number.size(), total).ec == std::errc();
 }
 
 }  // namespace health

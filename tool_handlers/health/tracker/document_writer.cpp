@@ -118,7 +118,7 @@ void DocumentWriter::add_integer(PyObject* value) {
         return;
     }
     std::array<char, 24> digits;
-    out_.append(digits.data(), std::to_chars(digits.begin(), digits.end(), number).ptr);
+    out_.append(digits.data(), std::to_chars(digits.data(), digits.data() + digits.size(), number).ptr);
 }
 
 /// The shortest text that reads back to the same double, as `float.__repr__` and the encoder write it.
@@ -143,7 +143,7 @@ void DocumentWriter::add_rounded(double value) {
         return;
     }
     std::array<char, 24> digits;
-    const char* end = std::to_chars(digits.begin(), digits.end(), value, std::chars_format::fixed, total_decimals).ptr;
+    const char* end = std::to_chars(digits.data(), digits.data() + digits.size(), value, std::chars_format::fixed, total_decimals).ptr;
     while (end[-1] == '0' && end[-2] != '.') {
         --end;
     }

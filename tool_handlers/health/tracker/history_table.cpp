@@ -84,7 +84,7 @@ void seed_row(const Tracker& tracker, const Host& host, PyObject* row) {
 // Writing.
 
 struct Snapshot {
-    Ref marked;  // of `list_marked`, for `put_back`
+    Ref marked;  // of `take_marks`
     Ref rows;
 };
 
@@ -110,13 +110,13 @@ Ref make_rows(const Tracker& tracker, const Host& host, PyObject* names) {
     return rows;
 }
 
-/// Copies the changed rows and clears the marks, the latter once nothing can fail any more.
+/// Takes the marks and copies the rows they stand for; when that fails, the marks are back.
 Snapshot take_snapshot(Tracker& tracker, const Host& host) {
     Snapshot snapshot;
     const py::LockGuard guard(host.locks, require(tracker.lock, "_lock"));
-    snapshot.marked = list_marked(tracker);
-    snapshot.rows = make_rows(tracker, host, PyList_GET_ITEM(snapshot.marked.get(), 0));
-    clear_marks(tracker);
+    snapshot.marked = take_marks(tracker);
+    snapshot.rows = py::recovering([&] { return make_rows(tracker, host, PyList_GET_ITEM(snapshot.marked.get(), 0)); },
+                                   [&] { put_back_locked(tracker, std::move(snapshot.marked)); });
     return snapshot;
 }
 

@@ -36,19 +36,27 @@ void settle(Tracker& tracker) {
     }
 }
 
+/// The same, where an error is no reason to stop: what could not be marked stays owed.
+void settle_if_possible(Tracker& tracker) {
+    try {
+        settle(tracker);
+    } catch (const py::PythonError&) {
+        PyErr_Clear();
+    }
+}
+
 }  // namespace
 
 bool is_marked(const Tracker& tracker, PyObject* tool_name) {
-    if (tracker.dirty == nullptr || !PySet_CheckExact(tracker.dirty)) {
+    PyObject* dirty = tracker.dirty;
+    if (dirty == nullptr || !PySet_CheckExact(dirty)) {
         return false;
     }
-    PyObject* dirty = Py_NewRef(tracker.dirty);  // without a guard: this is on every call's path
+    Py_INCREF(dirty);  // without a guard: this is on every call's path
     const int found = PySet_Contains(dirty, tool_name);
+    const bool is_still_in_place = tracker.dirty == dirty;
     Py_DECREF(dirty);
-    if (found < 0) {
-        PyErr_Clear();
-    }
-    return found > 0;
+    return py::check(found) > 0 && is_still_in_place;
 }
 
 void mark(const Tracker& tracker, PyObject* tool_name) {
@@ -59,28 +67,27 @@ bool any_marked(const Tracker& tracker) {
     return PySet_GET_SIZE(hold_dirty(tracker).get()) > 0 || tracker.owed != nullptr;
 }
 
-Ref list_marked(Tracker& tracker) {
+Ref take_marks(Tracker& tracker) {
     settle(tracker);
-    const Ref names = Ref::steal(PySequence_List(hold_dirty(tracker).get()));
+    const Ref dirty = hold_dirty(tracker);
+    const Ref names = Ref::steal(PySequence_List(dirty.get()));
     py::check(PyList_Sort(names.get()));
     Ref marked = Ref::steal(PyList_New(2));
     PyList_SET_ITEM(marked.get(), 0, Py_NewRef(names.get()));
     PyList_SET_ITEM(marked.get(), 1, Py_NewRef(Py_None));
+    py::check(PySet_Clear(dirty.get()));
     return marked;
 }
 
-void clear_marks(const Tracker& tracker) {
-    py::check(PySet_Clear(hold_dirty(tracker).get()));
+void put_back_locked(Tracker& tracker, Ref marked) {
+    owe(tracker, std::move(marked));
+    settle_if_possible(tracker);
 }
 
 void put_back(Tracker& tracker, const Host& host, Ref marked) {
     owe(tracker, std::move(marked));
     const py::LockGuard guard(host.locks, require(tracker.lock, "_lock"));
-    try {
-        settle(tracker);
-    } catch (const py::PythonError&) {
-        PyErr_Clear();  // they stay owed
-    }
+    settle_if_possible(tracker);
 }
 
 }  // namespace health

@@ -10,8 +10,8 @@
 
 namespace health {
 
-/// Whether the tool, a plain str, is marked already; false where that cannot be told. Borrows; may run Python code
-/// only if the set holds keys that are not plain.
+/// Whether the tool, a plain str, is marked already; false where that cannot be told. Runs Python code only if the set
+/// holds a name that is not plain, and passes on what that raises.
 bool is_marked(const Tracker& tracker, PyObject* tool_name);
 
 /// Marks the tool. The lock is held.
@@ -20,15 +20,14 @@ void mark(const Tracker& tracker, PyObject* tool_name);
 /// Whether any tool is marked. The lock is held.
 bool any_marked(const Tracker& tracker);
 
-/// The marked names in ascending order: a list, which is the first member of a new `[names, None]` for `put_back`.
-/// Leaves the marks as they are. The lock is held.
-py::Ref list_marked(Tracker& tracker);
+/// Takes all marks away and returns them: a new `[names, None]`, with the names in a list in ascending order. When it
+/// fails, the marks are where they were. The lock is held.
+py::Ref take_marks(Tracker& tracker);
 
-/// Takes all marks away. The lock is held, and nothing ran since `list_marked` that could have added one.
-void clear_marks(const Tracker& tracker);
+/// Marks the names of `take_marks` again. Where that fails they stay owed. The lock is held.
+void put_back_locked(Tracker& tracker, py::Ref marked);
 
-/// Marks the names of a list made by `list_marked` again. Takes the lock; throws only if waiting for it is
-/// interrupted, and the names are marked or owed even then.
+/// The same, taking the lock. Throws only if the lock cannot be taken, and the names are owed even then.
 void put_back(Tracker& tracker, const Host& host, py::Ref marked);
 
 }  // namespace health

@@ -26,7 +26,8 @@ namespace health {
 class Watch {
 public:
     [[nodiscard]] bool is_current(PyObject* mapping) const {
-        return mapping == mapping_ && mapping != nullptr && py::version_of(mapping) == version_;
+        return mapping == mapping_ && mapping != nullptr && PyDict_CheckExact(mapping) &&
+               py::version_of(mapping) == version_;
     }
 
     /// From now on it is known of the mapping as it is.

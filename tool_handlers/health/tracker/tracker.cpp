@@ -31,7 +31,7 @@ constexpr const char* documentation =
 
 py::Ref hold_dict(PyObject* field, const char* name) {
     PyObject* value = require(field, name);
-    if (!PyDict_Check(value)) {
+    if (!PyDict_CheckExact(value)) {
         reject(name, "dict", value);
     }
     return py::Ref::borrow(value);
@@ -138,7 +138,7 @@ py::Ref hold_usage(const Tracker& tracker) {
 
 py::Ref hold_dirty(const Tracker& tracker) {
     PyObject* value = require(tracker.dirty, "_dirty");
-    if (!PySet_Check(value)) {
+    if (!PySet_CheckExact(value)) {
         reject("_dirty", "set", value);
     }
     return py::Ref::borrow(value);

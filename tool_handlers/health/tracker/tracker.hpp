@@ -44,11 +44,11 @@ py::Ref make_tracker_type(PyObject* module);
 
 /// A field that must be there. Borrowed.
 PyObject* require(PyObject* field, const char* name);
-/// `_state`, which must be a dict.
+/// `_state`, which must be exactly a dict.
 py::Ref hold_state(const Tracker& tracker);
-/// `_usage`, which must be a dict.
+/// `_usage`, likewise.
 py::Ref hold_usage(const Tracker& tracker);
-/// `_dirty`, which must be a set.
+/// `_dirty`, which must be exactly a set.
 py::Ref hold_dirty(const Tracker& tracker);
 
 // Construction (construction.cpp).
