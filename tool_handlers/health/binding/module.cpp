@@ -129,7 +129,9 @@ void Binder::bind_from(const char* module_name, std::initializer_list<const char
 }
 
 void Binder::bind_standard_names() {
-    host().own.json_loads = py::get_attribute(bind_import("json").get(), host().names[Name::loads]).release();
+    const Ref json = bind_import("json");
+    host().own.json_dumps = py::get_attribute(json.get(), host().names[Name::dumps]).release();
+    host().own.json_loads = py::get_attribute(json.get(), host().names[Name::loads]).release();
     bind_import("logging");
     bind_import("threading");
     host().clock.learn(bind_import("time").get());

@@ -19,6 +19,7 @@ bool Host::is_own(Name name, PyObject* function) const {
 }
 
 int Host::traverse(visitproc visit, void* arg) const {
+    Py_VISIT(own.json_dumps);
     Py_VISIT(own.json_loads);
     Py_VISIT(own.sqlite_time);
     Py_VISIT(own.epoch);
@@ -42,6 +43,7 @@ int Host::traverse(visitproc visit, void* arg) const {
 }
 
 void Host::clear() {
+    Py_CLEAR(own.json_dumps);
     Py_CLEAR(own.json_loads);
     Py_CLEAR(own.sqlite_time);
     Py_CLEAR(own.epoch);

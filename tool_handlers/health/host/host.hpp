@@ -18,6 +18,7 @@ namespace health {
 /// Functions as they were when the module was imported: while nobody has replaced one, a native way serves in its
 /// place.
 struct OwnFunctions {
+    PyObject* json_dumps;
     PyObject* json_loads;
     PyObject* sqlite_time;
     PyObject* epoch;

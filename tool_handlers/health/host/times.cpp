@@ -4,6 +4,7 @@
 #include <string_view>
 
 #include "health/host/calendar.hpp"
+#include "health/python/text.hpp"
 
 namespace health {
 
@@ -22,15 +23,6 @@ std::optional<double> plain_seconds(PyObject* epoch) {
     int overflow = 0;
     const long seconds = PyLong_AsLongAndOverflow(epoch, &overflow);
     return overflow == 0 ? std::optional(static_cast<double>(seconds)) : std::nullopt;
-}
-
-/// The characters of a plain ASCII text; nothing for other objects.
-std::optional<std::string_view> plain_characters(PyObject* text) {
-    if (!PyUnicode_CheckExact(text) || !PyUnicode_IS_COMPACT_ASCII(text)) {
-        return std::nullopt;
-    }
-    return std::string_view(static_cast<const char*>(PyUnicode_DATA(text)),
-                            static_cast<std::size_t>(PyUnicode_GET_LENGTH(text)));
 }
 
 Ref utc(const Host& host) {
@@ -86,8 +78,7 @@ Ref format_time(const Host& host, PyObject* epoch) {
 }
 
 Ref parse_time(const Host& host, PyObject* text) {
-    const std::optional<std::string_view> characters = plain_characters(text);
-    const std::optional<double> seconds = characters ? parse_timestamp(*characters) : std::nullopt;
+    const std::optional<double> seconds = py::is_plain_ascii(text) ? parse_timestamp(py::ascii_of(text)) : std::nullopt;
     if (seconds) {
         return Ref::steal(PyFloat_FromDouble(*seconds));
     }

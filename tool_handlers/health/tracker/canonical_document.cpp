@@ -19,7 +19,8 @@ bool is_integer(std::string_view number) {
     return !number.empty() && std::ranges::all_of(number, is_digit) && (number.size() == 1 || number.front() != '0');
 }
 
-/// How many characters stand at the beginning that need no escape in a JSON text.
+}  // namespace
+
 std::size_t plain_size(std::string_view text) {
     std::size_t size = 0;
     while (size < text.size() && text[size] >= ' ' && text[size] <= '~' && text[size] != '"' && text[size] != '\\') {
@@ -27,8 +28,6 @@ std::size_t plain_size(std::string_view text) {
     }
     return size;
 }
-
-}  // namespace
 
 bool CanonicalReader::next(CanonicalElement& element) {
     if (is_first_ ? take("[]") : take("]")) {

@@ -5,6 +5,7 @@
 
 #include "health/python/dict.hpp"
 #include "health/python/ref_vector.hpp"
+#include "health/python/text.hpp"
 #include "health/tracker/canonical_document.hpp"
 
 namespace health {
@@ -41,11 +42,6 @@ void add_element(const Host& host, PyObject* table, PyObject* element) {
     py::check(PyDict_SetItem(table, key.get(), usage.get()));
 }
 
-/// The characters of an ASCII text.
-std::string_view characters_of(PyObject* text) {
-    return {static_cast<const char*>(PyUnicode_DATA(text)), static_cast<std::size_t>(PyUnicode_GET_LENGTH(text))};
-}
-
 /// Makes texts, the same one for equal characters as far as it remembers: names recur all over a document.
 class SharedTexts {
 public:
@@ -53,7 +49,7 @@ public:
 
     PyObject* get(std::string_view characters) {
         Ref& text = texts_[std::hash<std::string_view>()(characters) % places];
-        if (!text || characters_of(text.get()) != characters) {
+        if (!text || py::ascii_of(text.get()) != characters) {
             text =
                 Ref::steal(PyUnicode_FromStringAndSize(characters.data(), static_cast<Py_ssize_t>(characters.size())));
         }
@@ -82,12 +78,12 @@ void add_canonical(const Host& host, PyObject* table, SharedTexts& texts, const 
 /// and where the parser was replaced.
 Ref read_canonical(const Host& host, PyObject* text) {
     const Ref parser = py::get_attribute(host.get(Name::json).get(), host.names[Name::loads]);
-    if (parser.get() != host.own.json_loads || !PyUnicode_CheckExact(text) || !PyUnicode_IS_COMPACT_ASCII(text)) {
+    if (parser.get() != host.own.json_loads || !py::is_plain_ascii(text)) {
         return {};
     }
     Ref table = Ref::steal(PyDict_New());
     SharedTexts texts;
-    CanonicalReader reader(characters_of(text));
+    CanonicalReader reader(py::ascii_of(text));
     CanonicalElement element{};
     while (reader.next(element)) {
         add_canonical(host, table.get(), texts, element);

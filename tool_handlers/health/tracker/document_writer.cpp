@@ -1,12 +1,13 @@
 #include "health/tracker/document_writer.hpp"
 
-#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cmath>
 #include <memory>
 
 #include "health/python/numbers.hpp"
+#include "health/python/text.hpp"
+#include "health/tracker/canonical_document.hpp"
 #include "health/tracker/usage_entries.hpp"
 
 namespace health {
@@ -17,15 +18,29 @@ namespace {
 
 constexpr std::size_t typical_entry = 128;  // characters
 
-std::string_view ascii_of(PyObject* text) {
-    return {static_cast<const char*>(PyUnicode_DATA(text)), static_cast<std::size_t>(PyUnicode_GET_LENGTH(text))};
+/// Whether a text, exactly a str, stands in JSON as it is, between quotes.
+bool needs_no_escape(PyObject* text) {
+    return py::is_plain_ascii(text) && plain_size(py::ascii_of(text)) == py::ascii_of(text).size();
 }
 
-/// Whether a text stands in JSON as it is, between quotes.
-bool needs_no_escape(PyObject* text) {
-    return PyUnicode_IS_COMPACT_ASCII(text) && std::ranges::all_of(ascii_of(text), [](char character) {
-               return character >= ' ' && character <= '~' && character != '"' && character != '\\';
-           });
+/// The entries as a list of dictionaries: what an encoder other than the runtime's own is given.
+Ref list_objects(const Host& host, const py::RefVector<DocumentEntry>& entries) {
+    Ref list = Ref::steal(PyList_New(0));
+    for (const DocumentEntry& entry : entries) {
+        const Ref object = Ref::steal(PyDict_New());
+        const auto put = [&](Name name, PyObject* value) {
+            py::check(PyDict_SetItem(object.get(), host.names[name], value));
+        };
+        put(Name::tool, member_of(entry.key, key_tool));
+        put(Name::action, member_of(entry.key, key_action));
+        put(Name::outcome, member_of(entry.key, key_outcome));
+        put(Name::alias_hit, member_of(entry.key, key_alias_hit));
+        put(Name::calls, entry.calls.get());
+        put(Name::timed_calls, entry.timed_calls.get());
+        put(Name::total_ms, py::round_by_runtime(entry.total_ms.get(), total_decimals).get());
+        py::check(PyList_Append(list.get(), object.get()));
+    }
+    return list;
 }
 
 struct FreeText {
@@ -35,6 +50,10 @@ struct FreeText {
 }  // namespace
 
 Ref DocumentWriter::write(const py::RefVector<DocumentEntry>& entries) {
+    const Ref dumps = py::get_attribute(host_.get(Name::json).get(), host_.names[Name::dumps]);
+    if (dumps.get() != host_.own.json_dumps) {
+        return dump(dumps.get(), list_objects(host_, entries).get());
+    }
     out_.reserve(entries.size() * typical_entry + 2);
     out_ += '[';
     for (const DocumentEntry& entry : entries) {
@@ -99,7 +118,7 @@ void DocumentWriter::add_value(PyObject* value) {
 void DocumentWriter::add_text(PyObject* value) {
     if (needs_no_escape(value)) {
         out_ += '"';
-        out_ += ascii_of(value);
+        out_ += py::ascii_of(value);
         out_ += '"';
         return;
     }
@@ -143,20 +162,25 @@ void DocumentWriter::add_rounded(double value) {
         return;
     }
     std::array<char, 24> digits;
-    const char* end = std::to_chars(digits.data(), digits.data() + digits.size(), value, std::chars_format::fixed, total_decimals).ptr;
+    const char* end =
+        std::to_chars(digits.data(), digits.data() + digits.size(), value, std::chars_format::fixed, total_decimals)
+            .ptr;
     while (end[-1] == '0' && end[-2] != '.') {
         --end;
     }
     out_ += std::string_view(digits.data(), static_cast<std::size_t>(end - digits.data()));
 }
 
-/// `json.dumps(value, separators=(",", ":"))`.
 void DocumentWriter::add_by_runtime(PyObject* value) {
-    const Ref dumps = py::get_attribute(host_.get(Name::json).get(), host_.names[Name::dumps]);
+    add_characters(dump(host_.own.json_dumps, value).get());
+}
+
+/// `dumps(value, separators=(",", ":"))`.
+Ref DocumentWriter::dump(PyObject* dumps, PyObject* value) const {
     const Ref keywords = py::make_tuple(host_.names[Name::separators]);
     const Ref separators = py::make_tuple(py::text(",").get(), py::text(":").get());
     std::array<PyObject*, 3> arguments{nullptr, value, separators.get()};
-    add_characters(py::call_vector(dumps.get(), arguments.data() + 1, 1, keywords.get()).get());
+    return py::call_vector(dumps, arguments.data() + 1, 1, keywords.get());
 }
 
 void DocumentWriter::add_characters(PyObject* text) {

@@ -29,7 +29,7 @@ class DocumentWriter {
 public:
     explicit DocumentWriter(const Host& host) : host_(host) {}
 
-    /// The document of these entries, as a str.
+    /// The document of these entries, as a str. An encoder that a host put in place of `json.dumps` is heard.
     py::Ref write(const py::RefVector<DocumentEntry>& entries);
 
 private:
@@ -42,6 +42,7 @@ private:
     void add_float(double value);
     void add_rounded(double value);
     void add_by_runtime(PyObject* value);
+    py::Ref dump(PyObject* dumps, PyObject* value) const;
     void add_characters(PyObject* text);
 
     const Host& host_;
