@@ -53,6 +53,14 @@ DOCUMENTS = (
 # fmt: on
 
 
+def flush_usage(tracker):
+    """What a flush returns or raises, and whether the usage counts are marked then."""
+    try:
+        return tracker.flush(), tracker._usage_dirty
+    except ValueError as error:
+        return error, tracker._usage_dirty
+
+
 class Mirror(TrackerTest):
     def test_histories_are_read_as_the_plain_version_reads_them(self):
         """Also documents with one character replaced or added."""
@@ -135,6 +143,14 @@ class Mirror(TrackerTest):
         tracker._usage_dirty = True
         entries = [element(*key, calls, timed, round(ms, 3)) for key, (calls, timed, ms) in usage.items()]
         self.assertEqual(tracker.flush(), len(totals))
+        self.assertEqual(self.db.calls[-1][2][1], f"[{','.join(entries)}]")
+        error = ValueError("not today")
+        for encoder in (mock.Mock(side_effect=error), mock.Mock(wraps=json.dumps)):  # a replaced one is heard
+            tracker._usage_dirty = True
+            with mock.patch.object(health.json, "dumps", encoder):
+                result = flush_usage(tracker)
+            self.assertEqual(encoder.call_count, 1)
+            self.assertEqual(result, (error, True) if encoder.side_effect else (len(totals), False))
         self.assertEqual(self.db.calls[-1][2][1], f"[{','.join(entries)}]")
 
     def test_flush_writes_what_changed_and_counts_it(self):
