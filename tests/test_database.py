@@ -180,6 +180,7 @@ class RealDatabase(TrackerTest):
     def test_garbage_in_columns(self):
         """As the plain version takes it."""
         db = self.open()
+        db.execute("PRAGMA synchronous = OFF")
         change(tracker := health.ToolHealthTracker(db), "old")
         tracker.flush()
         tables = {"tool_health": health._TOOL_HEALTH_COLUMNS.split(", "), "schema_info": ["value"]}
