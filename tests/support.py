@@ -14,7 +14,8 @@ from quorl_dendra.tool_handlers import health
 from quorl_dendra.tool_registry import Action, ToolSpec
 
 NOW, NOW_TEXT = 1_700_000_000.0, "2023-11-14 22:13:20"
-PATIENCE_S = 60  # for what comes at once unless something is broken
+IS_SANITIZED = "libasan" in os.environ.get("LD_PRELOAD", "")
+PATIENCE_S = 360 if IS_SANITIZED else 60  # for what comes at once unless something is broken
 
 
 class FakeDatabase:
