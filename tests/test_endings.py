@@ -25,57 +25,60 @@ def acting(**methods):
     return type("Acting", (), methods)()
 
 
-def usage(world):
-    return world.tracker._usage["a", "x", "ok", True]
-
-
-# Where a thread is when the interpreter ends: the operation it is in; whose attribute, of what name, leads it there;
-# and what that is made of, given a function that does not come back.
+# Where a thread is when the interpreter ends: in which operation; in whose attribute, as what, it calls a function that
+# does not come back (itself, where nothing is said).
+SELF = lambda stay: stay  # noqa: E731
+HEALTH, TRACKER, DATABASE = (lambda world: health), (lambda world: world.tracker), (lambda world: world.db)
+STATE, USAGE = (lambda world: world.tracker._state["a"]), (lambda world: world.tracker._usage["a", "x", "ok", True])
+# fmt: off
 PLACES = {
-    "threshold": ("error of a marked tool", lambda world: world.tracker, "_limits",
-                  lambda stay: acting(disable_after_errors=property(stay))),
-    "cooldown": ("ask for a disabled tool", lambda world: world.tracker, "_limits",
-                 lambda stay: acting(disable_cooldown_s=property(stay))),
-    "clock": ("success of a marked tool", lambda world: time, "time", lambda stay: stay),
-    "sum": ("count a known key", usage, "total_ms", lambda stay: acting(__iadd__=stay)),
-    "slowness": ("summary", lambda world: health, "is_slow_call", lambda stay: stay),
-    "registry": ("construct", lambda world: health, "TOOLS", lambda stay: SimpleNamespace(get=stay)),
-    "action": ("construct", lambda world: health, "TOOLS", lambda stay: {"a": SimpleNamespace(action=stay)}),
-    "read rows": ("construct", lambda world: world.db, "fetchall", lambda stay: stay),
-    "read document": ("construct", lambda world: world.db, "fetchone", lambda stay: stay),
-    "write rows": ("flush", lambda world: world.db, "executemany", lambda stay: stay),
-    "write document": ("flush", lambda world: world.db, "execute", lambda stay: stay),
-    "report": ("performance report", lambda world: health, "get_timing_collector", lambda stay: stay),
-    "census": ("thread census", lambda world: health, "thread_census", lambda stay: stay),
-    "held lock": ("success of a marked tool", lambda world: world.tracker._lock, "", lambda stay: None),
-    "entry of a lock": ("success of a marked tool", lambda world: world.tracker, "_lock",
-                        lambda stay: acting(__enter__=stay, __exit__=stay)),
-    "exit of a lock": ("success of a marked tool", lambda world: world.tracker, "_lock",
-                       lambda stay: acting(__enter__=lambda self: None, __exit__=stay)),
-    "replaced value": ("error of a marked tool", lambda world: world.tracker._state["a"], "last_error",
-                       lambda stay: acting(__del__=stay)),
-    "replaced mark": ("count a known key", lambda world: world.tracker, "_usage_dirty",
-                      lambda stay: acting(__del__=stay)),
-    "listed value": ("summary", lambda world: world.tracker, "_usage",
-                     lambda stay: {("a", acting(__del__=stay), "ok", 1): health._Usage()}),
-    "value of a failed call": ("count nonsense", usage, "calls",
-                               lambda stay: acting(__iadd__=lambda *_: acting(__del__=stay))),
-}  # fmt: skip
+    "threshold": ("error of a new tool", TRACKER, "_limits", lambda stay: acting(disable_after_errors=property(stay))),
+    "cooldown": ("ask for a disabled tool", TRACKER, "_limits", lambda stay: acting(disable_cooldown_s=property(stay))),
+    "clock": ("success of a marked tool", lambda world: time, "time", SELF),
+    "sum": ("count a known key", USAGE, "total_ms", lambda stay: acting(__iadd__=stay)),
+    "slowness": ("summary", HEALTH, "is_slow_call", SELF),
+    "registry": ("construct", HEALTH, "TOOLS", lambda stay: SimpleNamespace(get=stay)),
+    "action": ("construct", HEALTH, "TOOLS", lambda stay: {"a": SimpleNamespace(action=stay)}),
+    "read rows": ("construct", DATABASE, "fetchall", SELF),
+    "read document": ("construct", DATABASE, "fetchone", SELF),
+    "write rows": ("flush", DATABASE, "executemany", SELF),
+    "write document": ("flush", DATABASE, "execute", SELF),
+    "blocked write": ("flush", DATABASE, "execute", lambda stay: lambda *args: stay(pause_s=0.001)),
+    "report": ("performance report", HEALTH, "get_timing_collector", SELF),
+    "census": ("thread census", HEALTH, "thread_census", SELF),
+    "held lock": ("success of a marked tool", TRACKER, "_lock", lambda stay: locked(stay)),
+    "entry": ("success of a marked tool", TRACKER, "_lock", lambda stay: acting(__enter__=stay, __exit__=stay)),
+    "exit": ("success of a marked tool", TRACKER, "_lock", lambda stay: acting(__enter__=id, __exit__=stay)),
+    "replaced value": ("error of a marked tool", STATE, "last_error", lambda stay: acting(__del__=stay)),
+    "replaced mark": ("count a known key", TRACKER, "_usage_dirty", lambda stay: acting(__del__=stay)),
+    "listed value": ("summary", TRACKER, "_usage", lambda stay: {("a", acting(__del__=stay), "", 1): health._Usage()}),
+    "failure": ("count nonsense", USAGE, "calls", lambda stay: acting(__iadd__=lambda *_: acting(__del__=stay))),
+}
+# fmt: on
+
+
+def locked(stay):
+    """A held lock; the thread that is to wait for it does so at once."""
+    lock = threading.Lock()
+    lock.acquire()
+    in_thread(stay)
+    return lock
 
 
 class Last:
     """Dies while the interpreter ends: waits until it is alone, and then uses the tracker."""
 
+    lock = None  # one that is held
+
     def __init__(self, tracker):
         self.tracker = tracker
-        self.lock_of_main = None
 
     def __del__(self, listdir=os.listdir, sleep=time.sleep, write=os.write, result=result):
-        if self.lock_of_main:
-            self.lock_of_main.release()  # to the thread that waits for it, which is ended then and keeps it
+        tracker = self.tracker
+        if self.lock:
+            self.lock.release()  # to the thread that waits for it, which is ended then and keeps it
         while len(listdir("/proc/self/task")) > 1:
             sleep(0.001)
-        tracker = self.tracker
         used = result(tracker.record_success, "c"), result(tracker.is_disabled, "b"), result(tracker.get_health_summary)
         write(1, f"{used} late".encode())
 
@@ -85,21 +88,18 @@ def stop_inside(place):
     native_host().start()
     world, inside, main = World(), threading.Event(), threading.get_ident()
 
-    def stay(*args):
+    def stay(*args, pause_s=0):
         inside.set()
         while threading.get_ident() != main:
-            pass
+            time.sleep(pause_s) if pause_s else None
 
     name, target, attribute, value = PLACES[place]
     operation = OPERATIONS[name]
     operation.prepare(world)
     last = sys.modules["__main__"].last = Last(world.tracker)
+    setattr(target(world), attribute, value(stay))
     if place == "held lock":
-        last.lock_of_main = world.tracker._lock
-        world.tracker._lock.acquire()
-        inside.set()
-    else:
-        setattr(target(world), attribute, value(stay))
+        last.lock = world.tracker._lock
     if place == "listed value":
         health.is_slow_call = lambda *key: world.tracker._usage.clear()
     in_thread(lambda: operation.run(world))
