@@ -273,6 +273,38 @@ for number in range(50):
     assert tracker._usage[f"new{number}", None, "ok", False].calls == 10, tracker._usage
 print("done")
 """
+# The same, but that what it counted is replaced then, and adds a key as it dies.
+REPLACED_MEANWHILE = """
+class Dying:
+    def __init__(self, add):
+        self.__class__.__del__ = lambda dying: add()
+class Text(str):
+    __hash__ = str.__hash__
+    def __eq__(self, other):
+        raise OSError
+class Duration:
+    def __radd__(self, total):
+        tracker._lock = threading.Lock()
+        count(tracker, "new")
+        tracker._usage[KEY].total_ms = Dying(lambda: tracker._usage.update({("b", *KEY[1:]): health._Usage(7)}))
+        return total + 1
+def clock():
+    health.time.time = own_clock
+    tracker._lock = threading.Lock()
+    tracker.record_success("new")
+    tracker._state["new"].last_error = Dying(lambda: tracker._state.update({Text("odd"): health._ToolState()}))
+    return 1.0
+KEY, tracker, own_clock = ("new", None, "ok", False), health.ToolHealthTracker(FakeDatabase()), health.time.time
+count(tracker, "".join(["n", "ew"]), duration_ms=Duration())
+gc.collect()
+count(tracker, "new")
+count(tracker, "b")
+assert [record.calls for record in tracker._usage.values()] == [2, 8], tracker._usage
+health.time.time = clock
+tracker.record_success("".join(["n", "ew"]))
+assert result(tracker.is_disabled, "odd")[0] is OSError
+print("done")
+"""
 
 
 class HostileTest(TrackerTest):
@@ -306,6 +338,7 @@ sys.unraisablehook = lambda unraisable: None
 
     def test_a_key_that_a_callback_counted_first(self):
         self.run_apart(COUNTED_MEANWHILE)
+        self.run_apart(REPLACED_MEANWHILE)
 
     def test_every_changed_character_of_a_document(self):
         """What the module writes is read natively; with a blank behind it, by the runtime's parser."""
