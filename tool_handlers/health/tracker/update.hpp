@@ -31,7 +31,7 @@ public:
         if (!py::is_attached()) {
             return;
         }
-        const bool is_unwinding = py::is_unwinding();
+        const bool is_unwinding = !is_applied_ && py::is_unwinding();
         for (PyObject* value : values_) {
             if (!(value != nullptr && is_unwinding && py::drop_later(value))) {
                 Py_XDECREF(value);
@@ -59,6 +59,7 @@ public:
                 record.exchange(static_cast<Field>(field), values_[field]);
             }
         }
+        is_applied_ = true;
     }
 
     /// Keeps a value that was replaced until the update dies.
@@ -74,6 +75,7 @@ private:
     py::Ref held_;
     py::Ref buried_;
     bool is_new_ = false;
+    bool is_applied_ = false;  // then only a new record's first values can die while an exception is on its way
 };
 
 }  // namespace health
