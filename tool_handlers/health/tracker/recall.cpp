@@ -88,11 +88,11 @@ bool StateRecall::is_consistent(PyObject* states) const {
 }
 
 void StateRecall::insert(PyObject* states, PyObject* name, PyObject* record) {
-    // Only where all keys are plain, and none had this name, is it certain that the assignment runs no Python code.
-    const Py_ssize_t size = PyDict_GET_SIZE(states);
-    const bool are_plain = watch_.is_current(states) && PyUnicode_CheckExact(name);
+    // Only where all keys are plain, and none is this name yet, is it certain that the assignment runs no Python code.
+    const bool is_quiet =
+        watch_.is_current(states) && PyUnicode_CheckExact(name) && PyDict_GetItemWithError(states, name) == nullptr;
     py::check(PyDict_SetItem(states, name, record));
-    if (are_plain && PyDict_GET_SIZE(states) == size + 1) {
+    if (is_quiet) {
         watch_.set(states);
     }
 }
@@ -136,9 +136,10 @@ void UsageRecall::learn(PyObject* usage, PyObject* record_type) {
 void UsageRecall::insert(PyObject* usage, PyObject* key, PyObject* record) {
     // As for states; that all keys are plain shows in that every one of them is remembered.
     const auto size = static_cast<std::size_t>(PyDict_GET_SIZE(usage));
-    const bool are_plain = watch_.is_current(usage) && count_ == size && is_plain(key);
+    const bool is_quiet =
+        watch_.is_current(usage) && count_ == size && is_plain(key) && PyDict_GetItemWithError(usage, key) == nullptr;
     py::check(PyDict_SetItem(usage, key, record));
-    if (are_plain && static_cast<std::size_t>(PyDict_GET_SIZE(usage)) == size + 1 && reserve(size + 1)) {
+    if (is_quiet && reserve(size + 1)) {
         put(key, record);
         watch_.set(usage);
     }
