@@ -80,6 +80,9 @@ LockGuard::~LockGuard() noexcept(false) {
         PyErr_WriteUnraisable(lock_.get());
     }
     PyErr_SetRaisedException(error);
+    if (!is_unwinding()) {
+        drop_late();  // of what failed here; otherwise the frontier does it
+    }
 }
 
 void LockGuard::take() {
