@@ -27,7 +27,14 @@ constexpr const char* documentation =
 /// of a cycle with it (functions, types, the namespace) breaks that cycle itself, and the state dies with the module.
 struct State {
     Host host;
-    PyTypeObject* function_type = nullptr;
+    PyObject* function_type = nullptr;
+
+    /// Calls `visit` with each reference held, until one answers other than 0; the last answer.
+    template <class Visit>
+    int for_each(Visit&& visit) {
+        const int answer = visit(function_type);
+        return answer != 0 ? answer : host.for_each(visit);
+    }
 };
 
 State& state_of(PyObject* module) {
@@ -52,7 +59,9 @@ public:
 private:
     Host& host() { return state_.host; }
     [[nodiscard]] py::FunctionHome home() const {
-        return {.function_type = state_.function_type, .module = module_, .context = &state_.host};
+        return {.function_type = reinterpret_cast<PyTypeObject*>(state_.function_type),
+                .module = module_,
+                .context = &state_.host};
     }
     void bind(const char* name, const Ref& value) { py::check(PyModule_AddObjectRef(module_, name, value.get())); }
     Ref make_empty(std::span<const Name> keys);
@@ -75,7 +84,7 @@ void Binder::prepare() {
     host().enabled_answer = py::make_tuple(Py_False, Py_None).release();
     host().empty_record = make_empty(health_record_keys).release();
     host().empty_row = make_empty(usage_row_keys).release();
-    state_.function_type = reinterpret_cast<PyTypeObject*>(py::make_function_type(module_).release());
+    state_.function_type = py::make_function_type(module_).release();
 }
 
 /// A dictionary with these keys and False under each.
@@ -233,15 +242,17 @@ int execute(PyObject* module) {
 }
 
 int traverse(PyObject* module, visitproc visit, void* arg) {
-    const State& state = state_of(module);
-    Py_VISIT(state.function_type);
-    return state.host.traverse(visit, arg);
+    return state_of(module).for_each([&](PyObject*& object) {
+        Py_VISIT(object);
+        return 0;
+    });
 }
 
 void release(void* module) {
-    State& state = state_of(static_cast<PyObject*>(module));
-    Py_CLEAR(state.function_type);
-    state.host.clear();
+    state_of(static_cast<PyObject*>(module)).for_each([](PyObject*& object) {
+        Py_CLEAR(object);
+        return 0;
+    });
 }
 
 PyModuleDef_Slot slots[] = {

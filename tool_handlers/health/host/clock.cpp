@@ -47,15 +47,4 @@ Ref Clock::read(const Names& names, PyObject* globals) {
     return py::call_method(Ref::borrow(module).get(), names[Name::time]);
 }
 
-int Clock::traverse(visitproc visit, void* arg) const {
-    Py_VISIT(module_);
-    Py_VISIT(own_);
-    return 0;
-}
-
-void Clock::clear() {
-    Py_CLEAR(module_);
-    Py_CLEAR(own_);
-}
-
 }  // namespace health

@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "health/python/ref.hpp"
+#include "health/python/visit.hpp"
 #include "health/records/names.hpp"
 
 namespace health {
@@ -25,8 +26,11 @@ public:
     /// Epoch seconds now, by whatever stands in the clock's place. May run Python code.
     py::Ref read(const Names& names, PyObject* globals);
 
-    int traverse(visitproc visit, void* arg) const;
-    void clear();
+    /// As `LockMethods::for_each`.
+    template <class Visit>
+    int for_each(Visit&& visit) {
+        return py::visit_all(visit, module_, own_);
+    }
 
 private:
     PyObject* module_ = nullptr;  // the runtime's `time` module

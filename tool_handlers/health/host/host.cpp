@@ -18,48 +18,6 @@ bool Host::is_own(Name name, PyObject* function) const {
     return py::find(globals, names[name]) == function;
 }
 
-int Host::traverse(visitproc visit, void* arg) const {
-    Py_VISIT(own.json_dumps);
-    Py_VISIT(own.json_loads);
-    Py_VISIT(own.sqlite_time);
-    Py_VISIT(own.epoch);
-    Py_VISIT(own.known);
-    Py_VISIT(own.usage_rows);
-    Py_VISIT(globals);
-    Py_VISIT(enabled_answer);
-    Py_VISIT(empty_record);
-    Py_VISIT(empty_row);
-    const int stopped = records.tool_state.traverse(visit, arg);
-    if (stopped != 0) {
-        return stopped;
-    }
-    if (const int usage_stopped = records.usage.traverse(visit, arg); usage_stopped != 0) {
-        return usage_stopped;
-    }
-    if (const int clock_stopped = clock.traverse(visit, arg); clock_stopped != 0) {
-        return clock_stopped;
-    }
-    return locks.traverse(visit, arg);
-}
-
-void Host::clear() {
-    Py_CLEAR(own.json_dumps);
-    Py_CLEAR(own.json_loads);
-    Py_CLEAR(own.sqlite_time);
-    Py_CLEAR(own.epoch);
-    Py_CLEAR(own.known);
-    Py_CLEAR(own.usage_rows);
-    Py_CLEAR(globals);
-    Py_CLEAR(enabled_answer);
-    Py_CLEAR(empty_record);
-    Py_CLEAR(empty_row);
-    records.tool_state.clear();
-    records.usage.clear();
-    clock.clear();
-    locks.clear();
-    names.clear();
-}
-
 void warn(const Host& host, const char* format, PyObject* error) {
     py::call_method(host.get(Name::logger).get(), host.names[Name::warning], py::text(format).get(), error);
 }

@@ -49,8 +49,21 @@ struct Host {
     [[nodiscard]] ToolStateView tool_state(PyObject* object) const { return {names, records.tool_state, object}; }
     [[nodiscard]] UsageView usage(PyObject* object) const { return {names, records.usage, object}; }
 
-    int traverse(visitproc visit, void* arg) const;
-    void clear();
+    /// As `LockMethods::for_each`: the one list of what the module's state holds.
+    template <class Visit>
+    int for_each(Visit&& visit) {
+        const auto visit_own = [&] {
+            return py::visit_all(visit, own.json_dumps, own.json_loads, own.sqlite_time, own.epoch, own.known,
+                                 own.usage_rows, globals, enabled_answer, empty_record, empty_row);
+        };
+        const auto visit_parts = [&](auto&... parts) {
+            int answer = 0;
+            static_cast<void>((((answer = parts.for_each(visit)) == 0) && ...));
+            return answer;
+        };
+        const int answer = visit_own();
+        return answer != 0 ? answer : visit_parts(names, records.tool_state, records.usage, locks, clock);
+    }
 };
 
 /// Writes a warning to the module's logger: `format` has one `%s`, which takes `error`. Runs Python code, may block.

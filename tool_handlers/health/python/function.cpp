@@ -51,24 +51,17 @@ Ref call_function(const Function& function, PyObject* const* given, Py_ssize_t p
     return function.definition->implementation(function.context, arguments.data());
 }
 
-/// Raises the runtime's RecursionError.
-PyObject* reject_recursion() {
-    if (Py_EnterRecursiveCall(" while calling a Python object") == 0) {
-        Py_LeaveRecursiveCall();
-        PyErr_NoMemory();  // not to be reached: the thread had no depth left
-    }
-    return nullptr;
-}
-
 /// The entry of every call. It guards the C stack, as the runtime's own native functions do: what a call runs may be
-/// native, too, and call back here without a Python frame in between. What `Py_EnterRecursiveCall` does is done here
-/// with one look-up of the thread instead of two; it is left to raise the error.
+/// native, too, and call back here without a Python frame in between. Where depth is left, what `Py_EnterRecursiveCall`
+/// and its counterpart do is done here with one look-up of the thread instead of two; where none is, the runtime
+/// decides.
 PyObject* vectorcall(PyObject* self, PyObject* const* arguments, std::size_t count, PyObject* keywords) {
     PyThreadState* thread = _PyThreadState_UncheckedGet();
-    if (thread->c_recursion_remaining <= 0) {
-        return reject_recursion();
+    if (thread->c_recursion_remaining > 0) {
+        --thread->c_recursion_remaining;
+    } else if (Py_EnterRecursiveCall(" while calling a Python object") != 0) {
+        return nullptr;
     }
-    --thread->c_recursion_remaining;
     PyObject* result =
         to_runtime([&] { return call_function(as_function(self), arguments, PyVectorcall_NARGS(count), keywords); });
     ++thread->c_recursion_remaining;

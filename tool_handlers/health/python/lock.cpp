@@ -49,19 +49,6 @@ void LockMethods::release(PyObject* lock) const {
     const Ref done = Ref::steal(PyObject_CallOneArg(release_, lock));
 }
 
-int LockMethods::traverse(visitproc visit, void* arg) const {
-    Py_VISIT(type_);
-    Py_VISIT(acquire_);
-    Py_VISIT(release_);
-    return 0;
-}
-
-void LockMethods::clear() {
-    Py_CLEAR(type_);
-    Py_CLEAR(acquire_);
-    Py_CLEAR(release_);
-}
-
 LockGuard::LockGuard(const LockMethods& methods, PyObject* lock, bool quiet) : methods_(methods) {
     if (!quiet || !methods.is_free(lock)) {
         lock_ = Ref::borrow(lock);

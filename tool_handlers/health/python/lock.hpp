@@ -15,6 +15,7 @@
 #include <Python.h>
 
 #include "health/python/ref.hpp"
+#include "health/python/visit.hpp"
 
 namespace health::py {
 
@@ -37,13 +38,16 @@ public:
     /// Releases a native lock. Runs no Python code; throws if nobody holds it.
     void release(PyObject* lock) const;
 
-    int traverse(visitproc visit, void* argument) const;
-    void clear();
+    /// Calls `visit` with each reference held, until one answers other than 0; the last answer.
+    template <class Visit>
+    int for_each(Visit&& visit) {
+        return visit_all(visit, type_, acquire_, release_);
+    }
 
 private:
     [[nodiscard]] PyTypeObject* type() const { return reinterpret_cast<PyTypeObject*>(type_); }
 
-    // Strong references, visited and cleared with the module's state.
+    // Strong references, which live and die with the module's state.
     PyObject* type_ = nullptr;
     PyObject* acquire_ = nullptr;
     PyObject* release_ = nullptr;
@@ -59,8 +63,8 @@ public:
     LockGuard& operator=(const LockGuard&) = delete;
     LockGuard(LockGuard&&) = delete;
     LockGuard& operator=(LockGuard&&) = delete;
-    /// Leaves the section, whatever error is on its way. A thread ended by a finalising interpreter leaves the
-    /// lock as it is.
+    /// Leaves the section, whatever error is on its way; a context manager is not told of it. A failure to leave is
+    /// reported as one that nobody can catch. A thread ended by a finalising interpreter leaves the lock as it is.
     ~LockGuard() noexcept(false);
 
     /// Whether a look was enough: then nothing has changed since the caller read the state.

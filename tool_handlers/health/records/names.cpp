@@ -16,10 +16,4 @@ void Names::intern() {
     }
 }
 
-void Names::clear() {
-    for (PyObject*& name : texts_) {
-        Py_CLEAR(name);
-    }
-}
-
 }  // namespace health

@@ -5,8 +5,9 @@
 
 #include <array>
 #include <cstddef>
+#include <tuple>
 
-#include "health/python/ref.hpp"
+#include "health/python/visit.hpp"
 
 namespace health {
 
@@ -98,13 +99,17 @@ enum class Name : unsigned char {
 #undef HEALTH_MEMBER
 };
 
-/// The interned texts. Strong references, cleared with the module's state.
+/// The interned texts. Strong references, which live and die with the module's state.
 class Names {
 public:
     /// Interns all. Throws a MemoryError.
     void intern();
     [[nodiscard]] PyObject* operator[](Name name) const { return texts_[static_cast<std::size_t>(name)]; }
-    void clear();
+    /// As `LockMethods::for_each`.
+    template <class Visit>
+    int for_each(Visit&& visit) {
+        return std::apply([&](auto&... texts) { return py::visit_all(visit, texts...); }, texts_);
+    }
 
 private:
 #define HEALTH_COUNT(name) +1

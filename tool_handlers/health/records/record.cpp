@@ -183,40 +183,26 @@ void RecordType<Fields>::declare(PyObject* module) {
         defaults_[index] = standard.release();
     }
     py::check(PyObject_SetAttrString(type.get(), "__annotations__", annotations.get()));
-    type_ = reinterpret_cast<PyTypeObject*>(Py_NewRef(type.get()));
+    type_ = Py_NewRef(type.get());
 }
 
 template <class Fields>
 void RecordType<Fields>::decorate(PyObject* dataclass) {
     py::call(dataclass, get());
     for (PyMemberDef& member : field_members<Fields>) {
-        const Ref descriptor = Ref::steal(PyDescr_NewMember(type_, &member));
+        const Ref descriptor = Ref::steal(PyDescr_NewMember(type(), &member));
         py::check(PyObject_SetAttrString(get(), member.name, descriptor.get()));
     }
 }
 
 template <class Fields>
 Ref RecordType<Fields>::make(const Values& values) const {
-    Ref made = Ref::steal(type_->tp_alloc(type_, 0));
+    Ref made = Ref::steal(type()->tp_alloc(type(), 0));
     auto& fields = Record<Fields>::of(made.get()).fields;
     for (std::size_t index = 0; index < values.size(); ++index) {
         fields[index] = Py_NewRef(values[index]);
     }
     return made;
-}
-
-template <class Fields>
-int RecordType<Fields>::traverse(visitproc visit, void* arg) const {
-    Py_VISIT(type_);
-    return 0;
-}
-
-template <class Fields>
-void RecordType<Fields>::clear() {
-    Py_CLEAR(type_);
-    for (PyObject*& value : defaults_) {
-        Py_CLEAR(value);
-    }
 }
 
 template class RecordType<ToolStateFields>;

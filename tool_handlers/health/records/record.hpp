@@ -10,11 +10,13 @@
 
 #include <array>
 #include <cstddef>
+#include <tuple>
 #include <utility>
 
 #include "health/python/numbers.hpp"
 #include "health/python/object.hpp"
 #include "health/python/ref.hpp"
+#include "health/python/visit.hpp"
 #include "health/records/names.hpp"
 
 namespace health {
@@ -54,19 +56,24 @@ public:
     /// Passes the type through `dataclass` and gives it its native fields. Runs Python code.
     void decorate(PyObject* dataclass);
 
-    [[nodiscard]] PyObject* get() const { return reinterpret_cast<PyObject*>(type_); }
+    [[nodiscard]] PyObject* get() const { return type_; }
     /// Whether `object` is exactly of this type, so that its fields may be reached without Python code.
-    [[nodiscard]] bool is_native(PyObject* object) const { return Py_TYPE(object) == type_; }
+    [[nodiscard]] bool is_native(PyObject* object) const { return Py_TYPE(object) == type(); }
     /// A new record of these values. Runs no Python code; throws a MemoryError.
     [[nodiscard]] py::Ref make(const Values& values) const;
     /// A new record of the defaults.
     [[nodiscard]] py::Ref make_empty() const { return make(defaults_); }
 
-    int traverse(visitproc visit, void* arg) const;
-    void clear();
+    /// As `LockMethods::for_each`.
+    template <class Visit>
+    int for_each(Visit&& visit) {
+        return std::apply([&](auto&... defaults) { return py::visit_all(visit, type_, defaults...); }, defaults_);
+    }
 
 private:
-    PyTypeObject* type_;
+    [[nodiscard]] PyTypeObject* type() const { return reinterpret_cast<PyTypeObject*>(type_); }
+
+    PyObject* type_;
     Values defaults_;
 };
 

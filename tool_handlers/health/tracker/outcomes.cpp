@@ -50,8 +50,13 @@ Ref read_clock(Host& host, const py::LockGuard& guard) {
     return guard.only_looked() ? host.clock.read_quietly() : host.clock.read(host.names, host.globals);
 }
 
-/// Begins an update of the tool's record, or of a new one. The lock is held.
-void begin(StateUpdate& update, Tracker& tracker, const Host& host, PyObject* tool_name) {
+/// Begins an update of the tool's record: of the one found before a quiet section (`known`), or, where that is nullptr,
+/// of the one that is found or made now. The lock is held.
+void begin(StateUpdate& update, Tracker& tracker, const Host& host, PyObject* tool_name, PyObject* known) {
+    if (known != nullptr) {
+        update.begin_quietly(known);
+        return;
+    }
     const Ref states = hold_state(tracker);
     tracker.known_states.notice_miss(states.get());
     PyObject* found = py::find(states.get(), tool_name);
@@ -60,8 +65,8 @@ void begin(StateUpdate& update, Tracker& tracker, const Host& host, PyObject* to
 
 /// Marks the tool, where it is not marked yet, and lets the update take effect. The mark comes first, for it is what
 /// can fail.
-void finish(StateUpdate& update, Tracker& tracker, const Host& host, PyObject* tool_name, bool is_marked) {
-    if (!is_marked) {
+void finish(StateUpdate& update, Tracker& tracker, const Host& host, PyObject* tool_name, bool was_marked) {
+    if (!was_marked) {
         mark(tracker, tool_name);
     }
     update.apply(host.tool_state(update.record()));
@@ -93,9 +98,9 @@ bool is_enabled_quietly(const Tracker& tracker, const Host& host, PyObject* tool
            host.locks.is_free(require(tracker.lock, "_lock"));
 }
 
-/// Whether the cooldown of a tool disabled at `disabled_at` is over. May run Python code; the lock is held.
-bool is_cooldown_over(Tracker& tracker, const Host& host, PyObject* now, PyObject* disabled_at) {
-    const Ref elapsed = Ref::steal(PyNumber_Subtract(now, disabled_at));
+/// Whether the cooldown of a tool disabled at `since` is over. May run Python code; the lock is held.
+bool is_cooldown_over(Tracker& tracker, const Host& host, PyObject* now, PyObject* since) {
+    const Ref elapsed = Ref::steal(PyNumber_Subtract(now, since));
     const Ref cooldown = py::get_attribute(tracker.object(), host.names[Name::cooldown_s]);
     return py::is_at_least(elapsed.get(), cooldown.get());
 }
@@ -106,11 +111,7 @@ void record_success(Tracker& tracker, Host& host, PyObject* tool_name) {
     StateUpdate update;
     PyObject* known = find_quietly(tracker, host, tool_name);
     const py::LockGuard guard(host.locks, require(tracker.lock, "_lock"), known != nullptr);
-    if (guard.only_looked()) {
-        update.begin_quietly(known);
-    } else {
-        begin(update, tracker, host, tool_name);
-    }
+    begin(update, tracker, host, tool_name, guard.only_looked() ? known : nullptr);
     const ToolStateView state = host.tool_state(update.record());
     update.set(call_count, state.count_up(call_count));
     update.set(consecutive_errors, zero());
@@ -126,11 +127,7 @@ void record_error(Tracker& tracker, Host& host, PyObject* tool_name, PyObject* e
     const bool is_plain_error = PyUnicode_CheckExact(error) || error == Py_None;
     PyObject* known = threshold && is_plain_error ? find_quietly(tracker, host, tool_name) : nullptr;
     const py::LockGuard guard(host.locks, require(tracker.lock, "_lock"), known != nullptr);
-    if (guard.only_looked()) {
-        update.begin_quietly(known);
-    } else {
-        begin(update, tracker, host, tool_name);
-    }
+    begin(update, tracker, host, tool_name, guard.only_looked() ? known : nullptr);
     const ToolStateView state = host.tool_state(update.record());
     update.set(call_count, state.count_up(call_count));
     update.set(error_count, state.count_up(error_count));

@@ -3,8 +3,9 @@
 // On re-entrancy. These may run Python code, and so let other threads in: keys that are not plain, a settings object
 // with properties, a replaced clock, records or fields that a host put in place of ours, the last reference to any
 // value. An operation reads nothing before such a step that it relies on after it, works its changes out in full
-// before it puts any in place, and drops what it replaced last, when the lock is free again (see update.hpp).
-// Which sections hold the lock, and which only look at it, is told in health/python/lock.hpp.
+// before it puts any in place (where a host put a record of its own, that may still fail half-way), and drops what it
+// replaced last, when the lock is free again (see update.hpp). Which sections hold the lock, and which only look at it,
+// is told in health/python/lock.hpp.
 //
 // Every operation throws `py::PythonError`. An AttributeError or a TypeError comes out where a field is missing or
 // was set to something unfit.
