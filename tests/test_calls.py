@@ -244,6 +244,23 @@ class Calls(TrackerTest):
                 warned = [type(error) for (_, error), _ in self.warning.call_args_list]
                 self.assertIs([*warned, *(outcome or ())][0], AttributeError)
 
+    def test_deleted_fields_of_records(self):
+        """Only what is read must be there."""
+        cases = [("record_call", "_usage", KEY, "")]
+        cases += [("record_error", "_state", "a", "last_error disabled_at updated_at")]
+        cases += [("record_success", "_state", "a", "error_count last_error disabled_at updated_at consecutive_errors")]
+        for (name, mapping, key, unread), clock in itertools.product(cases, (self.clock, REAL_CLOCK)):
+            for field in type(getattr(self.prepare(), mapping)[key]).__match_args__:
+                with self.subTest(name, field=field, clock=clock), mock.patch("time.time", clock):
+                    tracker = self.prepare()
+                    record = getattr(tracker, mapping)[key]
+                    delattr(record, field)
+                    kept = {other: getattr(record, other) for other in record.__match_args__ if other != field}
+                    outcome = result(OPERATIONS[name][0], tracker)
+                    self.assertEqual(outcome and outcome[0], None if field in unread else AttributeError)
+                    changed = [other for other, value in kept.items() if getattr(record, other) != value]
+                    self.assertEqual(bool(changed), outcome is None)
+
 
 class Threads(TrackerTest):
     def setUp(self):

@@ -9,6 +9,7 @@ using py::Ref;
 
 void Clock::learn(PyObject* time_module) {
     module_ = Py_NewRef(time_module);
+    module_globals_ = Py_NewRef(PyModule_GetDict(time_module));
     Ref function = py::get_attribute(time_module, "time");
     if (PyCFunction_CheckExact(function.get()) && PyCFunction_GET_FLAGS(function.get()) == METH_NOARGS &&
         PyCFunction_GET_SELF(function.get()) == time_module) {
@@ -22,13 +23,12 @@ bool Clock::is_quiet(const Names& names, PyObject* globals) {
     if (own_ == nullptr || !PyModule_CheckExact(module_)) {
         return false;
     }
-    PyObject* module_globals = PyModule_GetDict(module_);
     const std::uint64_t globals_version = py::version_of(globals);
-    const std::uint64_t module_version = py::version_of(module_globals);
+    const std::uint64_t module_version = py::version_of(module_globals_);
     if (globals_version == globals_version_ && module_version == module_version_) {
         return true;
     }
-    if (py::find(globals, names[Name::time]) != module_ || py::find(module_globals, names[Name::time]) != own_) {
+    if (py::find(globals, names[Name::time]) != module_ || py::find(module_globals_, names[Name::time]) != own_) {
         return false;
     }
     globals_version_ = globals_version;

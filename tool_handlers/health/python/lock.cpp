@@ -49,30 +49,8 @@ void LockMethods::release(PyObject* lock) const {
     const Ref done = Ref::steal(PyObject_CallOneArg(release_, lock));
 }
 
-LockGuard::LockGuard(const LockMethods& methods, PyObject* lock, bool quiet) : methods_(methods) {
-    if (!quiet || !methods.is_free(lock)) {
-        lock_ = Ref::borrow(lock);
-        take();
-    }
-}
-
-LockGuard::~LockGuard() noexcept(false) {
-    if (!lock_ || abandoned_ || !is_attached()) {
-        return;
-    }
-    PyObject* error = PyErr_GetRaisedException();
-    try {
-        leave();
-    } catch (const PythonError&) {
-        PyErr_WriteUnraisable(lock_.get());
-    }
-    PyErr_SetRaisedException(error);
-    if (!is_unwinding()) {
-        drop_late();  // of what failed here; otherwise the frontier does it
-    }
-}
-
-void LockGuard::take() {
+void LockGuard::take(PyObject* lock) {
+    lock_ = Ref::borrow(lock);
     if (!methods_.is_native(lock_.get())) {
         call(manager_method(lock_.get(), "__enter__").get(), lock_.get());
         return;
@@ -87,6 +65,22 @@ void LockGuard::take() {
 }
 
 void LockGuard::leave() {
+    if (abandoned_ || !is_attached()) {
+        return;
+    }
+    PyObject* error = PyErr_GetRaisedException();
+    try {
+        release();
+    } catch (const PythonError&) {
+        PyErr_WriteUnraisable(lock_.get());
+    }
+    PyErr_SetRaisedException(error);
+    if (!is_unwinding()) {
+        drop_late();  // of what failed here; otherwise the frontier does it
+    }
+}
+
+void LockGuard::release() {
     if (methods_.is_native(lock_.get())) {
         methods_.release(lock_.get());
     } else {

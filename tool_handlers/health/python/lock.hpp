@@ -58,21 +58,30 @@ class LockGuard {
 public:
     /// Enters the section. `quiet`: it runs no Python code and does not wait, and neither did what led up to it
     /// since the caller last read the state. Any object with a context manager's methods serves as a lock.
-    LockGuard(const LockMethods& methods, PyObject* lock, bool quiet = false);
+    LockGuard(const LockMethods& methods, PyObject* lock, bool quiet = false) : methods_(methods) {
+        if (!quiet || !methods.is_free(lock)) {
+            take(lock);
+        }
+    }
     LockGuard(const LockGuard&) = delete;
     LockGuard& operator=(const LockGuard&) = delete;
     LockGuard(LockGuard&&) = delete;
     LockGuard& operator=(LockGuard&&) = delete;
     /// Leaves the section, whatever error is on its way; a context manager is not told of it. A failure to leave is
     /// reported as one that nobody can catch. A thread ended by a finalising interpreter leaves the lock as it is.
-    ~LockGuard() noexcept(false);
+    ~LockGuard() noexcept(false) {
+        if (!only_looked()) {
+            leave();
+        }
+    }
 
     /// Whether a look was enough: then nothing has changed since the caller read the state.
     [[nodiscard]] bool only_looked() const { return !lock_; }
 
 private:
-    void take();
+    void take(PyObject* lock);
     void leave();
+    void release();
 
     const LockMethods& methods_;
     Ref lock_;  // held while the guard lives; empty when a look was enough

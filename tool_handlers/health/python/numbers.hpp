@@ -33,14 +33,13 @@ inline Py_ssize_t compact_value(PyObject* number) {
     return PyUnstable_Long_CompactValue(reinterpret_cast<PyLongObject*>(number));
 }
 
-/// `number + 1`. Runs Python code unless `number` is plain.
+/// `number + 1` of a compact one.
 inline Ref plus_one(PyObject* number) {
-    if (is_compact(number)) {
-        return Ref::steal(PyLong_FromSsize_t(compact_value(number) + 1));
-    }
-    const Ref one = Ref::steal(PyLong_FromLong(1));
-    return add(number, one.get());
+    return Ref::steal(PyLong_FromLong(compact_value(number) + 1));
 }
+
+/// `number + 1`. Runs Python code unless `number` is plain.
+Ref add_one(PyObject* number);
 
 /// `left >= right`. Runs Python code unless both are plain.
 inline bool is_at_least(PyObject* left, PyObject* right) {

@@ -105,7 +105,7 @@ public:
     /// The value of a field plus one. Runs Python code only if the record is not native or the value not plain.
     [[nodiscard]] py::Ref count_up(Field field) const {
         PyObject* value = peek(field);
-        return value != nullptr && PyLong_CheckExact(value) ? py::plus_one(value) : py::plus_one(get(field).get());
+        return value != nullptr && py::is_compact(value) ? py::plus_one(value) : py::add_one(get(field).get());
     }
 
     /// The value of a native record's field; nullptr if there is none or the record is not native. Borrowed, and good

@@ -23,7 +23,7 @@ Ref zero() {
     return Ref::steal(PyLong_FromLong(0));
 }
 
-bool has_plain_counts(const ToolStateView& state) {
+inline bool has_plain_counts(const ToolStateView& state) {
     for (const auto field : {call_count, error_count, consecutive_errors}) {
         PyObject* count = state.peek(field);
         if (count == nullptr || !PyLong_CheckExact(count)) {
@@ -36,7 +36,7 @@ bool has_plain_counts(const ToolStateView& state) {
 /// The record of a tool if an outcome of it can be recorded in a quiet section, else nullptr: the tool is known and
 /// marked, and neither its counts nor the clock can run Python code. Borrowed, and good until anything runs Python
 /// code. What might do so itself is asked first.
-PyObject* find_quietly(const Tracker& tracker, Host& host, PyObject* tool_name) {
+inline PyObject* find_quietly(const Tracker& tracker, Host& host, PyObject* tool_name) {
     if (!PyUnicode_CheckExact(tool_name) || !is_marked(tracker, tool_name) ||
         !host.clock.is_quiet(host.names, host.globals)) {
         return nullptr;
@@ -46,13 +46,13 @@ PyObject* find_quietly(const Tracker& tracker, Host& host, PyObject* tool_name) 
 }
 
 /// Epoch seconds now. In a quiet section the clock was found to be the runtime's already.
-Ref read_clock(Host& host, const py::LockGuard& guard) {
+inline Ref read_clock(Host& host, const py::LockGuard& guard) {
     return guard.only_looked() ? host.clock.read_quietly() : host.clock.read(host.names, host.globals);
 }
 
 /// Begins an update of the tool's record: of the one found before a quiet section (`known`), or, where that is nullptr,
 /// of the one that is found or made now. The lock is held.
-void begin(StateUpdate& update, Tracker& tracker, const Host& host, PyObject* tool_name, PyObject* known) {
+inline void begin(StateUpdate& update, Tracker& tracker, const Host& host, PyObject* tool_name, PyObject* known) {
     if (known != nullptr) {
         update.begin_quietly(known);
         return;
@@ -65,7 +65,7 @@ void begin(StateUpdate& update, Tracker& tracker, const Host& host, PyObject* to
 
 /// Marks the tool, where it is not marked yet, and lets the update take effect. The mark comes first, for it is what
 /// can fail.
-void finish(StateUpdate& update, Tracker& tracker, const Host& host, PyObject* tool_name, bool was_marked) {
+inline void finish(StateUpdate& update, Tracker& tracker, const Host& host, PyObject* tool_name, bool was_marked) {
     if (!was_marked) {
         mark(tracker, tool_name);
     }

@@ -8,6 +8,8 @@
 #include <Python.h>
 
 #include <array>
+#include <cstddef>
+#include <span>
 #include <utility>
 
 #include "health/python/ref.hpp"
@@ -26,21 +28,23 @@ public:
     Update(Update&&) = delete;
     Update& operator=(Update&&) = delete;
 
-    // As references die, but one look at the thread serves all values.
     ~Update() noexcept(false) {
-        if (!py::is_attached()) {
+        if (is_quiet_ && is_applied_) {  // then the thread is attached, and no exception is on its way
+            for (const Change& change : changes()) {
+                Py_XDECREF(change.value);
+            }
             return;
         }
-        const bool is_unwinding = !is_applied_ && py::is_unwinding();
-        for (PyObject* value : values_) {
-            if (!(value != nullptr && is_unwinding && py::drop_later(value))) {
-                Py_XDECREF(value);
-            }
+        for (const Change& change : changes()) {
+            const py::Ref dropped = py::Ref::steal_optional(change.value);
         }
     }
 
     /// The record to change, which a mapping keeps alive: no Python code runs before the update is applied.
-    void begin_quietly(PyObject* record) { record_ = record; }
+    void begin_quietly(PyObject* record) {
+        record_ = record;
+        is_quiet_ = true;
+    }
 
     /// The record to change, kept alive from here on. `is_new`: no mapping holds it yet.
     void begin(py::Ref record, bool is_new) {
@@ -49,15 +53,14 @@ public:
         held_ = std::move(record);
     }
 
-    /// A field's value once the update is applied.
-    void set(Field field, py::Ref value) { value.swap_with(values_[field]); }
+    /// A field's value once the update is applied; once for each field.
+    void set(Field field, py::Ref value) { changes_[count_++] = {.field = field, .value = value.release()}; }
 
-    /// Puts the new values in place. On the module's own records nothing can fail and no Python code runs.
+    /// Puts the new values in place, in the order they were set. On the module's own records nothing can fail and no
+    /// Python code runs.
     void apply(const RecordView<Fields>& record) {
-        for (std::size_t field = 0; field < values_.size(); ++field) {
-            if (values_[field] != nullptr) {
-                record.exchange(static_cast<Field>(field), values_[field]);
-            }
+        for (Change& change : changes()) {
+            record.exchange(change.field, change.value);
         }
         is_applied_ = true;
     }
@@ -69,13 +72,21 @@ public:
     [[nodiscard]] bool is_new() const { return is_new_; }
 
 private:
-    // Owned: the new values, and once they are in place those they replaced.
-    std::array<PyObject*, Fields::names.size()> values_{};
+    struct Change {
+        Field field;
+        PyObject* value;  // owned: the new one, then the one it replaced; NULL where a field was deleted
+    };
+
+    [[nodiscard]] std::span<Change> changes() { return std::span(changes_).first(count_); }
+
+    std::array<Change, Fields::names.size()> changes_;  // NOLINT: the first `count_` are there
+    std::size_t count_ = 0;
     PyObject* record_ = nullptr;
     py::Ref held_;
     py::Ref buried_;
     bool is_new_ = false;
-    bool is_applied_ = false;  // then only a new record's first values can die while an exception is on its way
+    bool is_quiet_ = false;
+    bool is_applied_ = false;
 };
 
 }  // namespace health
