@@ -20,14 +20,14 @@ Sample = Callable[[], float]
 UNROLL = 50
 
 
-def alternate(
-    subjects: Mapping[str, Sample], rounds: int, warm_up: bool = True
-) -> dict[str, list[float]]:
+def alternate[K](
+    subjects: Mapping[K, Sample], rounds: int, warm_up: bool = True
+) -> dict[K, list[float]]:
     """Each subject's samples, taken in turn; every other round goes the other way about.
 
     Before them comes one sample that does not count, for the caches' and the bytecode's sake.
     """
-    samples: dict[str, list[float]] = {name: [] for name in subjects}
+    samples: dict[K, list[float]] = {name: [] for name in subjects}
     for sample in subjects.values() if warm_up else ():
         sample()
     for turn in range(rounds):

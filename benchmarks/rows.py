@@ -30,7 +30,7 @@ THREADS = 4
 ERROR = "fetch: connection refused by 127.0.0.1 after 3 tries"
 SCALING_KEYS = (1_000, 3_000, 10_000, 30_000, 100_000)
 
-Makers = Mapping[str, Callable[[host.Repository], Any]]
+Makers = dict[str, Callable[[host.Repository], Any]]
 Samples = dict[str, list[float]]
 
 
@@ -143,22 +143,22 @@ class Bench:
         ]
 
     def scaling(self) -> list[dict[str, Any]]:
-        """The summary's nanoseconds per usage key, by subject, for more and more keys."""
-        points: list[dict[str, Any]] = []
+        """The summary's nanoseconds per usage key, by subject, for more and more keys.
+
+        The sizes take turns as the subjects do. So the machine's drift hits all alike, and each summary
+        comes after other work, as a daemon's status answer does, with caches that hold none of it.
+        """
+        samples: dict[tuple[str, int], Sample] = {}
         for size in SCALING_KEYS:
             tools = round(size / KEYS_PER_TOOL)
-            keys = tools * KEYS_PER_TOOL
-            makers = {
-                name: make
-                for name, make in {**self._plain, **self._grouped}.items()
-                if size <= self._plan.scaling[name]
-            }
-            for name, samples in self._summary(makers, tools).items():
-                spent = median(samples)
-                points.append(
-                    {"subject": name, "keys": keys, "ns": spent, "ns_per_key": spent / keys}
-                )
-        return points
+            repository, keys = history(tools), tools * KEYS_PER_TOOL
+            for name, make in (self._plain | self._grouped).items():
+                if size <= self._plan.scaling[name]:
+                    samples[name, keys] = _summary(make, repository)
+        return [
+            {"subject": name, "keys": keys, "ns": median(ns), "ns_per_key": median(ns) / keys}
+            for (name, keys), ns in self._long(samples).items()
+        ]
 
     def _call(self, statements: str, *, reads_clock: bool = False) -> Samples:
         """An operation, by one thread on one tool."""
@@ -182,11 +182,9 @@ class Bench:
             {name: sample(make) for name, make in self._plain.items()}, self._plan.long_rounds
         )
 
-    def _summary(self, makers: Makers, tools: int = TOOLS) -> Samples:
-        repository = history(tools)
-        return self._long(
-            {name: once(make(repository).get_health_summary) for name, make in makers.items()}
-        )
+    def _summary(self, makers: Makers) -> Samples:
+        repository = history(TOOLS)
+        return self._long({name: _summary(make, repository) for name, make in makers.items()})
 
     def _flush(self) -> Samples:
         """Everything has changed, and the database takes it and does nothing."""
@@ -205,7 +203,7 @@ class Bench:
             {name: once(partial(make, repository)) for name, make in self._plain.items()}
         )
 
-    def _long(self, samples: Mapping[str, Sample]) -> Samples:
+    def _long[K](self, samples: Mapping[K, Sample]) -> dict[K, list[float]]:
         return alternate(samples, self._plan.long_rounds)
 
     def _latency(self, makers: Makers) -> Samples:
@@ -265,6 +263,10 @@ def history(tools: int) -> host.Repository:
     return host.Repository(
         host.Database(rows, json.dumps(document, separators=(",", ":")))  # as a flush writes it
     )
+
+
+def _summary(make: Callable[[host.Repository], Any], repository: host.Repository) -> Sample:
+    return once(make(repository).get_health_summary)
 
 
 def _empty() -> host.Repository:

@@ -23,9 +23,10 @@ constexpr int average_decimals = 2;
 /// Plain numbers are read as such, and become objects again in their row: so no object far away is touched for it
 /// twice.
 struct Line {
-    Ref action;
-    Ref outcome;
-    Ref alias_hit;
+    PyObject* action;  // borrowed from the key, as are the next two
+    PyObject* outcome;
+    PyObject* alias_hit;
+    Ref key;        // of `key_tuple`
     Ref odd_calls;  // empty where `calls` has the number
     long calls = 0;
     Ref odd_average;  // None, or what is no float; empty where `average_ms` has the number
@@ -78,11 +79,12 @@ void put(const Host& host, PyObject* mapping, Name name, PyObject* value) {
 }
 
 /// `key` is of `key_tuple`.
-Line read_line(const Host& host, const Ref& key, PyObject* record) {
+Line read_line(const Host& host, Ref key, PyObject* record) {
     const UsageView usage = host.usage(record);
-    Line line{.action = Ref::borrow(member_of(key, key_action)),
-              .outcome = Ref::borrow(member_of(key, key_outcome)),
-              .alias_hit = Ref::borrow(member_of(key, key_alias_hit)),
+    Line line{.action = member_of(key, key_action),
+              .outcome = member_of(key, key_outcome),
+              .alias_hit = member_of(key, key_alias_hit),
+              .key = std::move(key),
               .odd_calls = {},
               .odd_average = {}};
     PyObject* calls = usage.peek(UsageFields::calls);
@@ -106,10 +108,10 @@ Ref average_of(const Line& line) {
 /// A copy of the empty row, which holds False for both truth values, filled in.
 Ref make_row(const Host& host, const Line& line, PyObject* slow) {
     Ref row = Ref::steal(PyDict_Copy(host.empty_row));
-    put(host, row.get(), Name::action, line.action.get());
-    put(host, row.get(), Name::outcome, line.outcome.get());
-    if (line.alias_hit.get() != Py_False) {
-        put(host, row.get(), Name::alias_hit, line.alias_hit.get());
+    put(host, row.get(), Name::action, line.action);
+    put(host, row.get(), Name::outcome, line.outcome);
+    if (line.alias_hit != Py_False) {
+        put(host, row.get(), Name::alias_hit, line.alias_hit);
     }
     put(host, row.get(), Name::calls, calls_of(line).get());
     put(host, row.get(), Name::avg_ms, average_of(line).get());
@@ -147,12 +149,12 @@ py::Vector<RowKey> plain_row_keys(const Host& host, const Lines& lines) {
     keys.reserve(lines.size());
     for (const Line& line : lines) {
         RowKey key{.calls = line.calls,
-                   .action = line.action.get() == Py_None ? host.names[Name::None] : line.action.get(),
-                   .outcome = line.outcome.get(),
-                   .alias_hit = line.alias_hit.get() == Py_True,
+                   .action = line.action == Py_None ? host.names[Name::None] : line.action,
+                   .outcome = line.outcome,
+                   .alias_hit = line.alias_hit == Py_True,
                    .position = keys.size()};
-        if (!PyUnicode_CheckExact(key.action) || !PyUnicode_CheckExact(key.outcome) ||
-            !PyBool_Check(line.alias_hit.get()) || line.odd_calls) {
+        if (!PyUnicode_CheckExact(key.action) || !PyUnicode_CheckExact(key.outcome) || !PyBool_Check(line.alias_hit) ||
+            line.odd_calls) {
             break;
         }
         keys.push_back(key);
@@ -168,8 +170,8 @@ Order order_of_rows(const Host& host, const Lines& lines) {
     return order_by_runtime(lines.size(), [&](std::size_t index) {
         const Line& line = lines[index];
         const Ref calls = minus(calls_of(line).get());
-        const Ref action = Ref::steal(PyObject_Str(line.action.get()));
-        return py::make_tuple(calls.get(), action.get(), line.outcome.get(), line.alias_hit.get());
+        const Ref action = Ref::steal(PyObject_Str(line.action));
+        return py::make_tuple(calls.get(), action.get(), line.outcome, line.alias_hit);
     });
 }
 
@@ -178,7 +180,7 @@ Ref make_rows(const Host& host, PyObject* tool_name, const Lines& lines) {
     py::RefVector<Ref> rows;
     rows.reserve(lines.size());
     for (const Line& line : lines) {
-        const Ref slow = is_slow_call(host, tool_name, line.action.get());
+        const Ref slow = is_slow_call(host, tool_name, line.action);
         rows.push_back(make_row(host, line, slow.get()));
     }
     const Order order = order_of_rows(host, lines);
@@ -232,17 +234,20 @@ Listed& Listing::place_of(PyObject* name) {
 }
 
 void Listing::add_usage(PyObject* usage) {
-    const py::RefVector<UsageEntry> entries = list_entries(usage);
-    PyObject* last_tool = nullptr;  // the keys of one tool often follow each other
+    py::RefVector<UsageEntry> entries = list_entries(usage);
+    for (Listed& tool : tools_) {
+        tool.lines.reserve(entries.size() / tools_.size());  // as if all had equally many
+    }
+    PyObject* last_tool = nullptr;  // the keys of one tool often follow each other; kept alive by its lines
     Listed* listed = nullptr;
-    for (const UsageEntry& entry : entries) {
-        const Ref key = key_tuple(entry.key.get());
+    for (UsageEntry& entry : entries) {
+        Ref key = key_tuple(std::move(entry.key));
         PyObject* tool = member_of(key, key_tool);
         if (tool != last_tool) {
             listed = &place_of(tool);
-            last_tool = key.get() == entry.key.get() ? tool : nullptr;  // kept alive by the entry, or not
+            last_tool = tool;
         }
-        listed->lines.push_back(read_line(host_, key, entry.record.get()));
+        listed->lines.push_back(read_line(host_, std::move(key), entry.record.get()));
     }
 }
 
@@ -330,10 +335,10 @@ Ref health_summary(Tracker& tracker, const Host& host) {
 
 Ref usage_rows(Tracker& tracker, const Host& host, PyObject* tool_name) {
     Lines lines;
-    for (const UsageEntry& entry : list_entries(hold_usage(tracker).get())) {
-        const Ref key = key_tuple(entry.key.get());
+    for (UsageEntry& entry : list_entries(hold_usage(tracker).get())) {
+        Ref key = key_tuple(std::move(entry.key));
         if (py::compares(member_of(key, key_tool), tool_name, Py_EQ)) {
-            lines.push_back(read_line(host, key, entry.record.get()));
+            lines.push_back(read_line(host, std::move(key), entry.record.get()));
         }
     }
     return make_rows(host, tool_name, lines);

@@ -80,7 +80,7 @@ Snapshot take_snapshot(Tracker& tracker, const Host& host) {
     snapshot.entries.reserve(entries.size());
     for (const UsageEntry& entry : entries) {
         const UsageView usage = host.usage(entry.record.get());
-        Ref key = key_tuple(entry.key.get());
+        Ref key = key_tuple(Ref::borrow(entry.key.get()));
         Ref call_count = usage.get(calls);
         Ref timed_count = usage.get(timed_calls);
         Ref total = rounded_total(usage.get(total_ms));

@@ -16,11 +16,11 @@ py::RefVector<UsageEntry> list_entries(PyObject* usage) {
     return entries;
 }
 
-Ref key_tuple(PyObject* key) {
-    if (PyTuple_CheckExact(key) && PyTuple_GET_SIZE(key) == 4) {
-        return Ref::borrow(key);
+Ref key_tuple(Ref key) {
+    if (PyTuple_CheckExact(key.get()) && PyTuple_GET_SIZE(key.get()) == 4) {
+        return key;
     }
-    const auto [tool, action, outcome, alias_hit] = py::unpack<4>(key);
+    const auto [tool, action, outcome, alias_hit] = py::unpack<4>(key.get());
     return py::make_tuple(tool.get(), action.get(), outcome.get(), alias_hit.get());
 }
 

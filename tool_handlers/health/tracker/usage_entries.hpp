@@ -21,9 +21,9 @@ py::RefVector<UsageEntry> list_entries(PyObject* usage);
 /// The places of a usage key's members.
 enum KeyMember : unsigned char { key_tool, key_action, key_outcome, key_alias_hit };
 
-/// A usage key as a tuple of its four members. Runs Python code only if it is not a tuple already; throws what an
-/// unpacking into four raises.
-py::Ref key_tuple(PyObject* key);
+/// A usage key as a tuple of its four members: the key itself if it is one, else it is unpacked, which may run Python
+/// code; throws what an unpacking into four raises.
+py::Ref key_tuple(py::Ref key);
 
 /// A member of such a tuple, borrowed.
 inline PyObject* member_of(const py::Ref& key, KeyMember member) {
