@@ -84,7 +84,7 @@ Line read_line(const Host& host, Ref key, PyObject* record) {
     Line line{.action = member_of(key, key_action),
               .outcome = member_of(key, key_outcome),
               .alias_hit = member_of(key, key_alias_hit),
-              .key = std::move(key),
+              .key = {},
               .odd_calls = {},
               .odd_average = {}};
     PyObject* calls = usage.peek(UsageFields::calls);
@@ -94,6 +94,7 @@ Line read_line(const Host& host, Ref key, PyObject* record) {
     const Ref total_ms = usage.get(UsageFields::total_ms);
     const Ref timed_calls = usage.get(UsageFields::timed_calls);
     read_average(line, total_ms.get(), timed_calls.get());
+    line.key = std::move(key);
     return line;
 }
 
