@@ -38,7 +38,7 @@ sanitize: ## run the tests under the address and undefined-behaviour sanitizers,
 fuzz: ## random operations against plain Python (SEED=number, SECONDS=60, PRESET=debug)
 	@scripts/bootstrap
 	@scripts/build $(PRESET)
-	@build/$(PRESET)/python -X dev tests/fuzz.py --seconds $(SECONDS) $(if $(SEED),--seed $(SEED)) $(ARGS)
+	@PYTHONPATH=. build/$(PRESET)/python -X dev tests/fuzz.py --seconds $(SECONDS) $(if $(SEED),--seed $(SEED)) $(ARGS)
 
 .PHONY: bench
 bench: build ## measure the release against plain Python (ARGS="--quick"); build/bench.json keeps the numbers

@@ -29,7 +29,7 @@ public:
     Update& operator=(Update&&) = delete;
 
     ~Update() noexcept(false) {
-        if (is_quiet_ && is_applied_) {  // then the thread is attached, and no exception is on its way
+        if (is_quiet_) {
             for (const Change& change : changes()) {
                 Py_XDECREF(change.value);
             }
@@ -62,7 +62,6 @@ public:
         for (Change& change : changes()) {
             record.exchange(change.field, change.value);
         }
-        is_applied_ = true;
     }
 
     /// Keeps a value that was replaced until the update dies.
@@ -85,8 +84,9 @@ private:
     py::Ref held_;
     py::Ref buried_;
     bool is_new_ = false;
+    // Of a quiet section: nothing ends the thread in it, and it fails only while all values are new plain ones. So they
+    // die without a look at the thread.
     bool is_quiet_ = false;
-    bool is_applied_ = false;
 };
 
 }  // namespace health
