@@ -74,6 +74,40 @@ class Outcomes(TrackerTest):
         self.assertEqual([tracker.limits for tracker in trackers], [ToolsConfig(3, 60.0)] * 2)
         self.assertIsNot(trackers[0].limits, trackers[1].limits)
 
+    def test_mappings_of_many_keys_that_a_caller_replaces(self):
+        """A new key comes before all of them are met again."""
+        tracker, names = self.make(), [f"tool {number}" for number in range(40)]
+        for known in (names, ["new", *names]):
+            for name in known:
+                tracker.record_success(name)
+                count(tracker, name)
+            if known is names:
+                tracker._state = {name: health._ToolState(7) for name in names}
+                tracker._usage = {key: health._Usage(8) for key in tracker._usage}
+        states, usage, *_ = memory(tracker)
+        self.assertEqual([state[0] for _, state in states], [8] * 40 + [1])
+        self.assertEqual([counts[0] for _, counts in usage], [9] * 40 + [1])
+
+    def test_names_that_change_the_tracker_as_they_are_compared(self):
+        class Name(str):
+            __hash__ = str.__hash__
+
+            def __eq__(self, other):
+                act()
+                return is_equal
+
+        tracker, is_equal = self.make(), True
+        tracker.record_success("a")
+        tracker._dirty, act = {Name("a")}, lambda: setattr(tracker, "_dirty", set())
+        with mock.patch("time.time", REAL_CLOCK):
+            tracker.record_success("a")
+        self.assertEqual(tracker._dirty, {"a"})
+        tracker._usage, is_equal = {(Name("new"), *KEY[1:]): health._Usage(), KEY: health._Usage()}, False
+        act = lambda: tracker._usage.update({KEY: health._Usage(8)})  # noqa: E731
+        for tool in ("a", "a", "new", "a"):
+            count(tracker, tool, "x")
+        self.assertEqual([counts.calls for counts in tracker._usage.values()], [0, 9, 1])
+
     def test_what_a_caller_changes_is_seen(self):
         """However often the tool and the key were met before the change."""
         changes = {  # what a caller does after 50 calls, and the calls counted after one more
