@@ -220,7 +220,8 @@ class Calls(TrackerTest):
             held.append(tracker._lock.locked())
             return False
 
-        cases = [("record_error", "_limits", lacking(watch, "disable_after_errors"), {})]
+        settings = lacking(watch, "disable_after_errors"), odd(watch, "__getattribute__", disable_after_errors=3)
+        cases = [("record_error", "_limits", limits, {}) for limits in settings]
         cases += [("record_error", field, odd(watch, "__add__"), {}) for field in ("error_count", "consecutive_errors")]
         cases += [("record_success", "call_count", odd(watch, "__add__"), {})]
         cases += [("record_call", field, odd(watch, "__add__"), {}) for field in ("calls", "timed_calls", "total_ms")]

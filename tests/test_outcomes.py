@@ -102,11 +102,15 @@ class Outcomes(TrackerTest):
         with mock.patch("time.time", REAL_CLOCK):
             tracker.record_success("a")
         self.assertEqual(tracker._dirty, {"a"})
-        tracker._usage, is_equal = {(Name("new"), *KEY[1:]): health._Usage(), KEY: health._Usage()}, False
-        act = lambda: tracker._usage.update({KEY: health._Usage(8)})  # noqa: E731
-        for tool in ("a", "a", "new", "a"):
-            count(tracker, tool, "x")
-        self.assertEqual([counts.calls for counts in tracker._usage.values()], [0, 9, 1])
+        is_equal = False
+        for turn in range(3):  # of comparing, when it acts
+            replaced, turns = health._Usage(), itertools.count()
+            tracker._usage = {(Name("new"), *KEY[1:]): health._Usage(), KEY: replaced}
+            act = lambda: next(turns) == turn and tracker._usage.update({KEY: health._Usage(8)})  # noqa: B023, E731
+            for tool in ("a", "a", "new", "a"):
+                count(tracker, tool, "x")
+            calls = [replaced.calls, *(counts.calls for counts in tracker._usage.values())]
+            self.assertEqual(calls, [2, 0, 9, 1] if next(turns) > turn else [3, 0, 3, 1])
 
     def test_what_a_caller_changes_is_seen(self):
         """However often the tool and the key were met before the change."""
