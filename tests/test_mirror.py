@@ -116,31 +116,6 @@ class Mirror(TrackerTest):
             self.assertEqual(result, (error, True) if encoder.side_effect else (len(totals), False))
         self.assertEqual(self.db.calls[-1][2][1], f"[{','.join(entries)}]")
 
-    def test_flush_writes_what_changed_and_counts_it(self):
-        tracker = self.make()
-        record, dirty = tracker.record_success, tracker._dirty
-        steps = (  # a change; the health rows and the usage entries then written
-            (lambda: None, "", None),
-            (lambda: [*map(record, "bac")], "abc", None),
-            (lambda: [*map(record, "ba"), *(count(tracker, tool) for tool in "vwxyz")], "ab", 5),
-            (lambda: count(tracker, "x"), "", 5),
-            (lambda: dirty.update(("stateless", "b")), "b", None),
-            (lambda: dirty.add("stateless"), "", None),
-            (lambda: tracker._usage.clear(), "", None),
-            (lambda: setattr(tracker, "_usage_dirty", 1), "", 0),
-        )
-        for number, (change, rows, entries) in enumerate(steps):
-            with self.subTest(number):
-                change()
-                self.db.calls.clear()
-                self.assertEqual(tracker.has_unsaved_changes, bool(dirty) or entries is not None)
-                self.assertEqual(tracker.flush(), len(rows) + (entries or 0))
-                written = {call[1]: call[2] for call in self.db.calls}
-                self.assertEqual([name for name, *_ in written.pop(UPSERT, ())], list(rows))
-                documents = [len(json.loads(params[1])) for params in written.values()]
-                self.assertEqual(documents, [] if entries is None else [entries])
-                self.assertIs(tracker.has_unsaved_changes, False)
-
     def test_a_failed_write_puts_its_mark_back(self):
         """Whatever is raised; and what was marked meanwhile stays marked."""
         errors = (ValueError("full"), KeyboardInterrupt(), SystemExit(3), MemoryError())

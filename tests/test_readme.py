@@ -93,6 +93,18 @@ class Documents(unittest.TestCase):
                             done = self.run_there(command)
                             self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
 
+    def test_an_installation_adds_two_files_to_a_daemon(self) -> None:
+        def files() -> dict[Path, bytes]:
+            return {path.relative_to(daemon): path.read_bytes() for path in daemon.rglob("*") if path.is_file()}
+
+        daemon = self.top / "daemon"
+        before = files()
+        self.run_there("cmake --install build/release --prefix daemon")
+        after = files()
+        folder = Path("quorl_dendra/tool_handlers")
+        self.assertEqual(after.keys() - before.keys(), {folder / Path(health.__file__).name, folder / "health.pyi"})
+        self.assertEqual(before, {path: after[path] for path in before})
+
     def test_programs(self) -> None:
         for document in DOCUMENTS:
             found = [*blocks(document), ("", "")]
