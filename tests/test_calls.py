@@ -188,6 +188,18 @@ class Calls(TrackerTest):
                 self.assertEqual(shown, expected)
                 self.assertNotEqual(show(self.prepare()), expected)
 
+    def test_what_the_clock_gives_dies_when_the_lock_is_free(self):
+        class Moment(float):
+            def __del__(self):
+                held.append(tracker._lock.locked())
+
+        tracker, held = self.make(), []
+        self.clock.side_effect = lambda: Moment(NOW)
+        for name in ("record_error", "record_error", "record_error", "is_disabled", "record_success"):
+            OPERATIONS[name][0](tracker)
+        del tracker._state["a"].updated_at
+        self.assertEqual(held, [False] * 5)
+
     def test_a_module_of_another_type_is_heard(self):
         """Although the clock in its namespace is the runtime's own."""
         tracker = self.prepare()

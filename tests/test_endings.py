@@ -52,6 +52,7 @@ PLACES = {
     "replaced value": ("error of a marked tool", STATE, "last_error", lambda stay: acting(__del__=stay)),
     "replaced mark": ("count a known key", TRACKER, "_usage_dirty", lambda stay: acting(__del__=stay)),
     "listed value": ("summary", TRACKER, "_usage", lambda stay: {("a", acting(__del__=stay), "", 1): health._Usage()}),
+    "exit of a failure": ("count nonsense", TRACKER, "_lock", lambda stay: acting(__enter__=id, __exit__=stay)),
     "failure": ("count nonsense", USAGE, "calls", lambda stay: acting(__iadd__=lambda *_: acting(__del__=stay))),
 }
 # fmt: on

@@ -102,7 +102,12 @@ class Outcomes(TrackerTest):
         with mock.patch("time.time", REAL_CLOCK):
             tracker.record_success("a")
         self.assertEqual(tracker._dirty, {"a"})
-        is_equal = False
+        is_equal, act = False, lambda: None
+        with mock.patch("time.time", REAL_CLOCK), mock.patch.dict(vars(health)):
+            vars(health)[Name("time")] = vars(health).pop("time")
+            vars(health)["time"], act = time, tracker._dirty.clear
+            tracker.record_success("a")
+        self.assertEqual(tracker._dirty, {"a"})
         for turn in range(3):  # of comparing, when it acts
             replaced, turns = health._Usage(), itertools.count()
             tracker._usage = {(Name("new"), *KEY[1:]): health._Usage(), KEY: replaced}

@@ -105,6 +105,12 @@ class Surface(TrackerTest):
         modules = {owner.__module__ for owner in (other._Usage, other._epoch, other.ToolHealthTracker.flush)}
         self.assertEqual({other.logger.name, *modules}, {"other.health"})
         self.assertIsNot(other._Usage, health._Usage)
+        no_module = type("Stamps", (list,), {})("now")
+        no_module.time = no_module.copy  # native, without parameters, bound to it: as a module's own clock
+        with mock.patch.dict(sys.modules, time=no_module):
+            tracker = load().ToolHealthTracker(self.db)
+        tracker.record_success("a")
+        self.assertEqual(tracker._state["a"].updated_at, [*"now"])
         for name in ("config", "tool_registry", "tool_schemas", "utils.process", "utils.timing"):
             with self.subTest(name):
                 missing = f"import of quorl_dendra.{name} halted; None in sys.modules"

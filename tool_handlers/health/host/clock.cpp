@@ -9,10 +9,10 @@ using py::Ref;
 
 void Clock::learn(PyObject* time_module) {
     module_ = Py_NewRef(time_module);
-    module_globals_ = Py_NewRef(PyModule_GetDict(time_module));
     Ref function = py::get_attribute(time_module, "time");
-    if (PyCFunction_CheckExact(function.get()) && PyCFunction_GET_FLAGS(function.get()) == METH_NOARGS &&
-        PyCFunction_GET_SELF(function.get()) == time_module) {
+    if (PyModule_CheckExact(time_module) && PyCFunction_CheckExact(function.get()) &&
+        PyCFunction_GET_FLAGS(function.get()) == METH_NOARGS && PyCFunction_GET_SELF(function.get()) == time_module) {
+        module_globals_ = Py_NewRef(PyModule_GetDict(time_module));
         read_ = PyCFunction_GET_FUNCTION(function.get());
         self_ = PyCFunction_GET_SELF(function.get());
         own_ = function.release();
@@ -28,7 +28,8 @@ bool Clock::is_quiet(const Names& names, PyObject* globals) {
     if (globals_version == globals_version_ && module_version == module_version_) {
         return true;
     }
-    if (py::find(globals, names[Name::time]) != module_ || py::find(module_globals_, names[Name::time]) != own_) {
+    if (!py::has_plain_keys(globals) || !py::has_plain_keys(module_globals_) ||
+        py::find(globals, names[Name::time]) != module_ || py::find(module_globals_, names[Name::time]) != own_) {
         return false;
     }
     globals_version_ = globals_version;

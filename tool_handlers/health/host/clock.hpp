@@ -29,14 +29,15 @@ public:
     /// As `LockMethods::for_each`.
     template <class Visit>
     int for_each(Visit&& visit) {
-        return py::visit_all(visit, module_, module_globals_, own_);
+        return py::visit_all(visit, module_, own_, module_globals_);
     }
 
 private:
-    PyObject* module_ = nullptr;          // the runtime's `time` module ...
-    PyObject* module_globals_ = nullptr;  // ... and its namespace
-    PyObject* own_ = nullptr;             // its `time` function, if native, as it was when this module was imported
-    PyCFunction read_ = nullptr;          // what that function does ...
+    PyObject* module_ = nullptr;  // the runtime's `time` module
+    // As it was when this module was imported, if it was native and the module a plain one:
+    PyObject* own_ = nullptr;             // its `time` function
+    PyObject* module_globals_ = nullptr;  // its namespace
+    PyCFunction read_ = nullptr;          // what the function does ...
     PyObject* self_ = nullptr;            // ... and its first argument; borrowed from `own_`
     // The states of the two dictionaries in which the clock was last found to be `own_`.
     std::uint64_t globals_version_ = 0;

@@ -19,6 +19,17 @@ inline PyObject* find(PyObject* dict, PyObject* key) {
     return value;
 }
 
+/// Whether all keys of a dictionary are exactly texts: then a look-up of a text runs no Python code. Runs none itself.
+inline bool has_plain_keys(PyObject* dict) {
+    Py_ssize_t position = 0;
+    PyObject* key = nullptr;
+    bool are_plain = true;
+    while (are_plain && PyDict_Next(dict, &position, &key, nullptr) != 0) {
+        are_plain = PyUnicode_CheckExact(key);
+    }
+    return are_plain;
+}
+
 /// A number that no other state of any dictionary of this interpreter has: while it stays the same, the
 /// dictionary holds the same keys and values. Runs nothing.
 inline std::uint64_t version_of(PyObject* dict) {

@@ -11,6 +11,8 @@
 #include <new>
 #include <utility>
 
+#include "health/python/late.hpp"
+
 namespace health::py {
 
 /// The runtime's error indicator is set.
@@ -31,10 +33,6 @@ inline int check(int status) {
     return status;
 }
 
-/// Drops what was to be dropped while an exception was on its way (see ref.hpp). Runs Python code; the error indicator
-/// stays as it is.
-void drop_late();
-
 /// Runs `body` (which returns a `Ref`) for the runtime: a new reference, or NULL with the error set.
 template <class Body>
 PyObject* to_runtime(Body&& body) {
@@ -45,7 +43,7 @@ PyObject* to_runtime(Body&& body) {
     } catch (const std::bad_alloc&) {
         PyErr_NoMemory();
     }
-    drop_late();
+    finish_late();
     return nullptr;
 }
 

@@ -6,15 +6,16 @@ namespace health::py {
 
 namespace {
 
-/// A method of a context manager's type, as a `with` statement looks it up.
-Ref manager_method(PyObject* manager, const char* name) {
+/// A method of a context manager's type, as a `with` statement looks it up. `missed` ends the error's text where there
+/// is none.
+Ref manager_method(PyObject* manager, const char* name, const char* missed) {
     Ref method = Ref::steal_optional(PyObject_GetAttrString(reinterpret_cast<PyObject*>(Py_TYPE(manager)), name));
     if (method) {
         return method;
     }
     if (PyErr_ExceptionMatches(PyExc_AttributeError) != 0) {
-        raise(PyExc_TypeError, "'%.200s' object does not support the context manager protocol",
-              Py_TYPE(manager)->tp_name);
+        raise(PyExc_TypeError, "'%.200s' object does not support the context manager protocol%s",
+              Py_TYPE(manager)->tp_name, missed);
     }
     throw_current();
 }
@@ -51,8 +52,10 @@ void LockMethods::release(PyObject* lock) const {
 
 void LockGuard::take(PyObject* lock) {
     lock_ = Ref::borrow(lock);
-    if (!methods_.is_native(lock_.get())) {
-        call(manager_method(lock_.get(), "__enter__").get(), lock_.get());
+    if (!methods_.is_native(lock)) {
+        const Ref enter = manager_method(lock, "__enter__", "");
+        exit_ = manager_method(lock, "__exit__", " (missed __exit__ method)");
+        call(enter.get(), lock);
         return;
     }
     // Once the interpreter finalises, the other threads have ended wherever they were: a lock that cannot be had stays
@@ -68,6 +71,11 @@ void LockGuard::leave() {
     if (abandoned_ || !is_attached()) {
         return;
     }
+    if (exit_ && is_unwinding() && leave_later(lock_.get(), exit_.get())) {
+        static_cast<void>(lock_.release());
+        static_cast<void>(exit_.release());
+        return;
+    }
     PyObject* error = PyErr_GetRaisedException();
     try {
         release();
@@ -76,15 +84,15 @@ void LockGuard::leave() {
     }
     PyErr_SetRaisedException(error);
     if (!is_unwinding()) {
-        drop_late();  // of what failed here; otherwise the frontier does it
+        finish_late();  // of what failed here; otherwise the frontier does it
     }
 }
 
 void LockGuard::release() {
-    if (methods_.is_native(lock_.get())) {
-        methods_.release(lock_.get());
+    if (exit_) {
+        call(exit_.get(), lock_.get(), Py_None, Py_None, Py_None);
     } else {
-        call(manager_method(lock_.get(), "__exit__").get(), lock_.get(), Py_None, Py_None, Py_None);
+        methods_.release(lock_.get());
     }
 }
 

@@ -85,6 +85,7 @@ private:
 
     const LockMethods& methods_;
     Ref lock_;  // held while the guard lives; empty when a look was enough
+    Ref exit_;  // the `__exit__` of a lock that is not native
     bool abandoned_ = false;
 };
 

@@ -23,7 +23,7 @@ auto recovering(Body&& body, Recover&& recover) {
         PyErr_NoMemory();
     }
     Ref error = Ref::steal(PyErr_GetRaisedException());
-    drop_late();
+    finish_late();
     try {
         std::forward<Recover>(recover)();
     } catch (const PythonError&) {
@@ -54,7 +54,7 @@ bool guarded(Body&& body, Handle&& handle) {
         PyErr_NoMemory();
     }
     const Ref error = Ref::steal(PyErr_GetRaisedException());
-    drop_late();
+    finish_late();
     std::forward<Handle>(handle)(error.get());
     return false;
 }

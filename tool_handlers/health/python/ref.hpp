@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "health/python/error.hpp"
+#include "health/python/late.hpp"
 
 namespace health::py {
 
@@ -24,10 +25,6 @@ inline bool is_attached() {
 inline bool is_unwinding() {
     return std::uncaught_exceptions() > 0;
 }
-
-/// Takes a reference over, to be dropped by `drop_late`; false if there are too many already. Dropping a last reference
-/// may run Python code, and a forced unwind out of that would end the process while another exception is on its way.
-bool drop_later(PyObject* object);
 
 class Ref {
 public:

@@ -35,7 +35,7 @@ inline bool has_plain_counts(const ToolStateView& state) {
 
 /// The record of a tool if an outcome of it can be recorded in a quiet section, else nullptr: the tool is known and
 /// marked, and neither its counts nor the clock can run Python code. Borrowed, and good until anything runs Python
-/// code. What might do so itself is asked first.
+/// code. The mark is asked for first, for that might do so itself.
 inline PyObject* find_quietly(const Tracker& tracker, Host& host, PyObject* tool_name) {
     if (!PyUnicode_CheckExact(tool_name) || !is_marked(tracker, tool_name) ||
         !host.clock.is_quiet(host.names, host.globals)) {
@@ -131,17 +131,15 @@ void record_error(Tracker& tracker, Host& host, PyObject* tool_name, PyObject* e
     const ToolStateView state = host.tool_state(update.record());
     update.set(call_count, state.count_up(call_count));
     update.set(error_count, state.count_up(error_count));
-    Ref run = state.count_up(consecutive_errors);
+    PyObject* run = update.set(consecutive_errors, state.count_up(consecutive_errors));
     update.set(last_error, shorten(error));
-    Ref now = read_clock(host, guard);
+    PyObject* now = update.set(updated_at, read_clock(host, guard));
     if (!guard.only_looked()) {
         threshold = disable_after_errors(host, limits(tracker).get());
     }
-    if (py::is_at_least(run.get(), threshold.get())) {
-        update.set(disabled_at, Ref::borrow(now.get()));
+    if (py::is_at_least(run, threshold.get())) {
+        update.set(disabled_at, Ref::borrow(now));
     }
-    update.set(updated_at, std::move(now));
-    update.set(consecutive_errors, std::move(run));
     finish(update, tracker, host, tool_name, guard.only_looked());
     assert_consistent(tracker);
 }
@@ -151,6 +149,7 @@ Ref is_disabled(Tracker& tracker, Host& host, PyObject* tool_name) {
         return Ref::borrow(host.enabled_answer);
     }
     StateUpdate update;
+    Ref now;  // like the update's values, it dies when the lock is free
     const py::LockGuard guard(host.locks, require(tracker.lock, "_lock"));
     const Ref states = hold_state(tracker);
     tracker.known_states.notice_miss(states.get());
@@ -164,7 +163,7 @@ Ref is_disabled(Tracker& tracker, Host& host, PyObject* tool_name) {
     if (since.get() == Py_None) {
         return Ref::borrow(host.enabled_answer);
     }
-    const Ref now = host.clock.read(host.names, host.globals);
+    now = host.clock.read(host.names, host.globals);
     if (!is_cooldown_over(tracker, host, now.get(), since.get())) {
         return py::make_tuple(Py_True, state.get(last_error).get());
     }

@@ -31,16 +31,6 @@ bool is_plain(PyObject* key) {
            std::ranges::all_of(parts_of(key), is_plain_part);
 }
 
-bool has_plain_keys(PyObject* states) {
-    Py_ssize_t position = 0;
-    PyObject* key = nullptr;
-    bool are_plain = PyDict_CheckExact(states);
-    while (are_plain && PyDict_Next(states, &position, &key, nullptr) != 0) {
-        are_plain = PyUnicode_CheckExact(key);
-    }
-    return are_plain;
-}
-
 inline std::size_t hash_of(PyObject* part) {
     if (!PyUnicode_CheckExact(part)) {
         return reinterpret_cast<std::uintptr_t>(part) >> 4;
@@ -78,13 +68,13 @@ void StateRecall::notice_miss(PyObject* states) {
 
 void StateRecall::learn(PyObject* states) {
     watch_ = {};
-    if (has_plain_keys(states)) {
+    if (PyDict_CheckExact(states) && py::has_plain_keys(states)) {
         watch_.set(states);
     }
 }
 
 bool StateRecall::is_consistent(PyObject* states) const {
-    return !watch_.is_current(states) || has_plain_keys(states);
+    return !watch_.is_current(states) || py::has_plain_keys(states);
 }
 
 void StateRecall::insert(PyObject* states, PyObject* name, PyObject* record) {

@@ -84,7 +84,7 @@ Line read_line(const Host& host, Ref key, PyObject* record) {
     Line line{.action = member_of(key, key_action),
               .outcome = member_of(key, key_outcome),
               .alias_hit = member_of(key, key_alias_hit),
-              .key = {},
+              .key = {},  // once nothing looks into it any more
               .odd_calls = {},
               .odd_average = {}};
     PyObject* calls = usage.peek(UsageFields::calls);

@@ -8,6 +8,7 @@
 #include <Python.h>
 
 #include <array>
+#include <cassert>
 #include <cstddef>
 #include <span>
 #include <utility>
@@ -53,8 +54,12 @@ public:
         held_ = std::move(record);
     }
 
-    /// A field's value once the update is applied; once for each field.
-    void set(Field field, py::Ref value) { changes_[count_++] = {.field = field, .value = value.release()}; }
+    /// A field's value once the update is applied; once for each field. Returns the value, borrowed, and good until
+    /// then.
+    PyObject* set(Field field, py::Ref value) {
+        assert(count_ < changes_.size());
+        return (changes_[count_++] = {.field = field, .value = value.release()}).value;
+    }
 
     /// Puts the new values in place, in the order they were set. On the module's own records nothing can fail and no
     /// Python code runs.
@@ -84,8 +89,8 @@ private:
     py::Ref held_;
     py::Ref buried_;
     bool is_new_ = false;
-    // Of a quiet section: nothing ends the thread in it, and it fails only while all values are new plain ones. So they
-    // die without a look at the thread.
+    // Of a quiet section: nothing ends the thread before the values die, and an error comes only while all of them are
+    // new plain ones. So they need no look at the thread.
     bool is_quiet_ = false;
 };
 
