@@ -157,7 +157,7 @@ class Bench:
                     samples[name, keys] = _summary(make, repository)
         return [
             {"subject": name, "keys": keys, "ns": median(ns), "ns_per_key": median(ns) / keys}
-            for (name, keys), ns in self._long(samples).items()
+            for (name, keys), ns in alternate(samples, self._plan.rounds).items()
         ]
 
     def _call(self, statements: str, *, reads_clock: bool = False) -> Samples:
@@ -203,7 +203,7 @@ class Bench:
             {name: once(partial(make, repository)) for name, make in self._plain.items()}
         )
 
-    def _long[K](self, samples: Mapping[K, Sample]) -> dict[K, list[float]]:
+    def _long(self, samples: Mapping[str, Sample]) -> Samples:
         return alternate(samples, self._plan.long_rounds)
 
     def _latency(self, makers: Makers) -> Samples:

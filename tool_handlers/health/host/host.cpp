@@ -53,8 +53,12 @@ Ref make_usage(const Host& host, PyObject* calls, PyObject* timed_calls, PyObjec
                                                   : py::call(type.get(), calls, timed_calls, total_ms);
 }
 
-Ref is_slow_call(const Host& host, PyObject* tool, PyObject* action) {
-    return py::call(host.get(Name::is_slow_call).get(), tool, action);
+Ref SlowCalls::ask(PyObject* tool, PyObject* action) {
+    if (const std::uint64_t version = py::version_of(host_.globals); version != version_) {
+        version_ = version;
+        function_ = host_.get(Name::is_slow_call);
+    }
+    return py::call(function_.get(), tool, action);
 }
 
 }  // namespace health

@@ -7,6 +7,8 @@
 
 #include <Python.h>
 
+#include <cstdint>
+
 #include "health/host/clock.hpp"
 #include "health/python/lock.hpp"
 #include "health/python/object.hpp"
@@ -82,7 +84,18 @@ py::Ref make_usage(const Host& host);
 /// `_Usage(calls, timed_calls, total_ms)`. As above.
 py::Ref make_usage(const Host& host, PyObject* calls, PyObject* timed_calls, PyObject* total_ms);
 
-/// `is_slow_call(tool, action)`, the host's answer as it stands. Runs Python code.
-py::Ref is_slow_call(const Host& host, PyObject* tool, PyObject* action);
+/// The host's `is_slow_call`, for many questions in a row: it is looked up again once the namespace has changed.
+class SlowCalls {
+public:
+    explicit SlowCalls(const Host& host) : host_(host) {}
+
+    /// `is_slow_call(tool, action)`, the host's answer as it stands. Runs Python code.
+    py::Ref ask(PyObject* tool, PyObject* action);
+
+private:
+    const Host& host_;
+    std::uint64_t version_ = 0;  // of the namespace in which the function was found
+    py::Ref function_;
+};
 
 }  // namespace health

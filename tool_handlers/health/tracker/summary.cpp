@@ -63,15 +63,23 @@ Ref average_by_runtime(PyObject* total_ms, PyObject* timed_calls) {
     return py::round_by_runtime(quotient.get(), average_decimals);
 }
 
-/// Reads the mean time of a handler in milliseconds, None where none was timed.
-void read_average(Line& line, PyObject* total_ms, PyObject* timed_calls) {
+/// Reads the mean time of a handler in milliseconds, where it is that of plain numbers; false for any other.
+bool read_plain_average(Line& line, PyObject* total_ms, PyObject* timed_calls) {
     constexpr long exact_in_double = 1L << 53;
     long timed = 0;
-    if (PyFloat_CheckExact(total_ms) && read_plain(timed_calls, timed) && timed > 0 && timed < exact_in_double) {
-        line.average_ms = py::round_to(PyFloat_AS_DOUBLE(total_ms) / static_cast<double>(timed), average_decimals);
-    } else {
-        line.odd_average = py::is_true(timed_calls) ? average_by_runtime(total_ms, timed_calls) : py::none();
+    if (total_ms == nullptr || !PyFloat_CheckExact(total_ms) || timed_calls == nullptr ||
+        !read_plain(timed_calls, timed) || timed <= 0 || timed >= exact_in_double) {
+        return false;
     }
+    line.average_ms = py::round_to(PyFloat_AS_DOUBLE(total_ms) / static_cast<double>(timed), average_decimals);
+    return true;
+}
+
+/// The mean time of a handler in milliseconds, None where none was timed.
+Ref read_average(const UsageView& usage) {
+    const Ref total_ms = usage.get(UsageFields::total_ms);
+    const Ref timed_calls = usage.get(UsageFields::timed_calls);
+    return py::is_true(timed_calls.get()) ? average_by_runtime(total_ms.get(), timed_calls.get()) : py::none();
 }
 
 void put(const Host& host, PyObject* mapping, Name name, PyObject* value) {
@@ -91,9 +99,9 @@ Line read_line(const Host& host, Ref key, PyObject* record) {
     if (calls == nullptr || !read_plain(calls, line.calls)) {
         line.odd_calls = usage.get(UsageFields::calls);
     }
-    const Ref total_ms = usage.get(UsageFields::total_ms);
-    const Ref timed_calls = usage.get(UsageFields::timed_calls);
-    read_average(line, total_ms.get(), timed_calls.get());
+    if (!read_plain_average(line, usage.peek(UsageFields::total_ms), usage.peek(UsageFields::timed_calls))) {
+        line.odd_average = read_average(usage);
+    }
     line.key = std::move(key);
     return line;
 }
@@ -180,8 +188,9 @@ Order order_of_rows(const Host& host, const Lines& lines) {
 Ref make_rows(const Host& host, PyObject* tool_name, const Lines& lines) {
     py::RefVector<Ref> rows;
     rows.reserve(lines.size());
+    SlowCalls slow_calls(host);
     for (const Line& line : lines) {
-        const Ref slow = is_slow_call(host, tool_name, line.action);
+        const Ref slow = slow_calls.ask(tool_name, line.action);
         rows.push_back(make_row(host, line, slow.get()));
     }
     const Order order = order_of_rows(host, lines);
@@ -244,7 +253,7 @@ void Listing::add_usage(PyObject* usage) {
     for (UsageEntry& entry : entries) {
         Ref key = key_tuple(std::move(entry.key));
         PyObject* tool = member_of(key, key_tool);
-        if (tool != last_tool) {
+        if (listed == nullptr || tool != last_tool) {
             listed = &place_of(tool);
             last_tool = tool;
         }
