@@ -67,7 +67,7 @@ class Plan:
     scaling: Mapping[str, int]  # the most usage keys that a subject's summary is measured with
 
 
-FULL = Plan(15, 9, 3, 100, 0.04, {"baseline": 10_000, "grouped": 100_000, "module": 100_000})
+FULL = Plan(15, 15, 3, 100, 0.04, {"baseline": 10_000, "grouped": 100_000, "module": 100_000})
 QUICK = Plan(5, 3, 1, 15, 0.01, {"baseline": 1_000, "grouped": 10_000, "module": 100_000})
 
 
@@ -157,7 +157,7 @@ class Bench:
                     samples[name, keys] = _summary(make, repository)
         return [
             {"subject": name, "keys": keys, "ns": median(ns), "ns_per_key": median(ns) / keys}
-            for (name, keys), ns in alternate(samples, self._plan.rounds).items()
+            for (name, keys), ns in self._long(samples).items()
         ]
 
     def _call(self, statements: str, *, reads_clock: bool = False) -> Samples:
@@ -203,7 +203,7 @@ class Bench:
             {name: once(partial(make, repository)) for name, make in self._plain.items()}
         )
 
-    def _long(self, samples: Mapping[str, Sample]) -> Samples:
+    def _long[K](self, samples: Mapping[K, Sample]) -> dict[K, list[float]]:
         return alternate(samples, self._plan.long_rounds)
 
     def _latency(self, makers: Makers) -> Samples:
