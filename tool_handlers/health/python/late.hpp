@@ -9,10 +9,10 @@
 
 namespace health::py {
 
-/// Takes a reference over, to be dropped; false, with nothing taken, if too much is put off already.
+/// Takes over a reference, to be dropped; false, with nothing taken, if too much is put off already.
 bool drop_later(PyObject* object);
 
-/// Takes a lock that was entered over, with its bound or unbound `__exit__`, to be left; false as above.
+/// Takes over a lock that was entered, with the `__exit__` of its type, to be left; false as above.
 bool leave_later(PyObject* lock, PyObject* exit);
 
 /// Does what was put off: locks are left first, so that what dies then finds them free. A failure to leave one is
