@@ -249,7 +249,8 @@ class Calls(TrackerTest):
                 self.assertEqual(held, [True])
 
     def test_unfit_fields_raise_and_do_no_harm(self):
-        values = (DELETED, None, 5, "text", [1], {1: 2}, {1}, object())
+        entered = []
+        values = (DELETED, None, 5, "text", [1], {1: 2}, {1}, object(), odd(entered.append, "__enter__"))
         for name, field, unfit in itertools.product([*OPERATIONS][:15], FIELDS, values):
             with self.subTest(name, field=field, unfit=unfit):
                 tracker = self.prepare()
@@ -261,6 +262,7 @@ class Calls(TrackerTest):
                 if type(outcome) is tuple and type(outcome[0]) is type:
                     if name != "flush":
                         self.assertEqual(memory(tracker), before)
+                    self.assertEqual(entered, [])  # what cannot be left
                     if unfit is DELETED:
                         text = f"'ToolHealthTracker' object has no attribute '{field}'"
                         self.assertEqual(outcome, (AttributeError, text))

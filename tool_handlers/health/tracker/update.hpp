@@ -29,8 +29,11 @@ public:
     Update(Update&&) = delete;
     Update& operator=(Update&&) = delete;
 
+    // In a quiet section nothing ends the thread before the values die, and an error comes only while all of them are
+    // new plain ones: they need no look at the thread.
     ~Update() noexcept(false) {
-        if (is_quiet_) {
+        const bool is_quiet = !held_;
+        if (is_quiet) {
             for (const Change& change : changes()) {
                 Py_XDECREF(change.value);
             }
@@ -42,10 +45,7 @@ public:
     }
 
     /// The record to change, which a mapping keeps alive: no Python code runs before the update is applied.
-    void begin_quietly(PyObject* record) {
-        record_ = record;
-        is_quiet_ = true;
-    }
+    void begin_quietly(PyObject* record) { record_ = record; }
 
     /// The record to change, kept alive from here on. `is_new`: no mapping holds it yet.
     void begin(py::Ref record, bool is_new) {
@@ -89,9 +89,6 @@ private:
     py::Ref held_;
     py::Ref buried_;
     bool is_new_ = false;
-    // Of a quiet section: nothing ends the thread before the values die, and an error comes only while all of them are
-    // new plain ones. So they need no look at the thread.
-    bool is_quiet_ = false;
 };
 
 }  // namespace health
