@@ -1,47 +1,22 @@
-// `health_floor`: a class whose methods take the tracker's arguments and do nothing, made of the module's own native
-// functions. What a call of one costs is the least that a call of the tracker can cost. Built for the benchmark only.
+// `health_floor`: a class whose methods take the tracker's arguments and do nothing. What a call of a native method costs
+// is the least that a call of the tracker can cost. Built for the benchmark only.
 #include <Python.h>
-
-#include <array>
-#include <span>
-
-#include "health/python/function.hpp"
-#include "health/python/object.hpp"
 
 namespace {
 
-using health::py::Definition;
-using health::py::FunctionHome;
-using health::py::Kind;
-using health::py::Parameter;
-using health::py::Ref;
-
-Ref do_nothing(void* /*context*/, PyObject* const* /*arguments*/) {
-    return health::py::none();
+PyObject* do_nothing(PyObject* /*self*/, PyObject* const* /*arguments*/, Py_ssize_t /*count*/, PyObject* /*keywords*/) {
+    Py_RETURN_NONE;
 }
 
-constexpr Parameter self{.name = "self"};
-constexpr Parameter tool_name{.name = "tool_name", .annotation = "str"};
-constexpr std::array tool_only{self, tool_name};
-constexpr std::array tool_and_error{self, tool_name, Parameter{.name = "error", .annotation = "str"}};
-constexpr std::array one_call{
-    self,
-    tool_name,
-    Parameter{.name = "action", .annotation = "str | None"},
-    Parameter{.name = "outcome", .annotation = "str"},
-    Parameter{.name = "alias_hit", .annotation = "bool", .kind = Kind::keyword_only},
-    Parameter{.name = "duration_ms", .annotation = "float | None", .kind = Kind::keyword_only},
-};
-
-constexpr Definition define(const char* name, std::span<const Parameter> parameters) {
-    return {
-        .name = name, .parameters = parameters, .result = "None", .documentation = "", .implementation = do_nothing};
+PyMethodDef method(const char* name) {
+    return {name, reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(do_nothing)),
+            METH_FASTCALL | METH_KEYWORDS, nullptr};
 }
 
-constexpr std::array methods{define("is_disabled", tool_only), define("record_success", tool_only),
-                             define("record_error", tool_and_error), define("record_call", one_call)};
+PyMethodDef methods[] = {method("is_disabled"), method("record_success"), method("record_error"),
+                         method("record_call"), {nullptr, nullptr, 0, nullptr}};
 
-PyType_Slot floor_slots[] = {{0, nullptr}};
+PyType_Slot floor_slots[] = {{Py_tp_methods, methods}, {0, nullptr}};
 PyType_Spec floor_spec = {.name = "health_floor.Floor",
                           .basicsize = sizeof(PyObject),
                           .itemsize = 0,
@@ -49,20 +24,10 @@ PyType_Spec floor_spec = {.name = "health_floor.Floor",
                           .slots = floor_slots};
 
 int execute(PyObject* module) {
-    PyObject* done = health::py::to_runtime([&] {
-        const Ref type = health::py::make_type(module, floor_spec);
-        const Ref function_type = health::py::make_function_type(module);
-        const FunctionHome home{.function_type = reinterpret_cast<PyTypeObject*>(function_type.get()),
-                                .module = module,
-                                .context = nullptr};
-        for (const Definition& definition : methods) {
-            const Ref method = health::py::make_method(home, definition, reinterpret_cast<PyTypeObject*>(type.get()));
-            health::py::check(PyObject_SetAttrString(type.get(), definition.name, method.get()));
-        }
-        health::py::check(PyModule_AddObjectRef(module, "Floor", type.get()));
-        return health::py::none();
-    });
-    return done == nullptr ? -1 : 0;
+    PyObject* type = PyType_FromModuleAndSpec(module, &floor_spec, nullptr);
+    const int status = PyModule_AddObjectRef(module, "Floor", type);
+    Py_XDECREF(type);
+    return status;
 }
 
 PyModuleDef_Slot slots[] = {{Py_mod_exec, reinterpret_cast<void*>(execute)}, {0, nullptr}};

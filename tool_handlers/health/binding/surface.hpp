@@ -1,4 +1,4 @@
-// The module's public surface: its functions, and the methods and properties of the tracker, each one table row.
+// The module's public surface: the text that the runtime compiles, and the native functions that stand behind it.
 #pragma once
 
 #include <span>
@@ -7,22 +7,12 @@
 
 namespace health {
 
-enum class MemberKind : unsigned char { method, property };
+/// The Python text of the module, to be run in its namespace. Its functions have the form that
+/// health/python/function.hpp tells.
+extern const char* const surface;
 
-/// One member of the tracker class.
-struct Member {
-    py::Definition definition;
-    MemberKind kind = MemberKind::method;
-};
-
-// The module's functions.
-extern const py::Definition sqlite_time_definition;
-extern const py::Definition epoch_definition;
-extern const py::Definition known_definition;
-extern const py::Definition performance_definition;
-extern const py::Definition thread_census_definition;
-
-/// The members of `ToolHealthTracker`, in the order in which they are made.
-std::span<const Member> tracker_members();
+/// The module's functions and the tracker's members, properties included.
+std::span<const py::FunctionDef* const> module_functions();
+std::span<const py::FunctionDef* const> tracker_members();
 
 }  // namespace health

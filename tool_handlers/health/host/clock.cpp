@@ -7,40 +7,40 @@ namespace health {
 
 using py::Ref;
 
-void Clock::learn(PyObject* time_module) {
-    module_ = Py_NewRef(time_module);
-    Ref function = py::get_attribute(time_module, "time");
-    if (PyModule_CheckExact(time_module) && PyCFunction_CheckExact(function.get()) &&
-        PyCFunction_GET_FLAGS(function.get()) == METH_NOARGS && PyCFunction_GET_SELF(function.get()) == time_module) {
-        module_globals_ = Py_NewRef(PyModule_GetDict(time_module));
-        read_ = PyCFunction_GET_FUNCTION(function.get());
-        self_ = PyCFunction_GET_SELF(function.get());
-        own_ = function.release();
+Ref Clock::read_natively(const Names& names, PyObject* globals) {
+    if (py::version_of(globals) != globals_version_ || py::version_of(module_globals_) != module_version_) {
+        look_up(names, globals);
     }
+    if (function_ == nullptr) {
+        return {};
+    }
+    PyObject* self = PyCFunction_GET_SELF(function_);
+    PyObject* now = PyCFunction_GET_FUNCTION(function_)(self, nullptr);
+    if (now == nullptr) {
+        PyErr_Clear();
+    }
+    return Ref::steal_optional(now);
 }
 
-bool Clock::is_quiet(const Names& names, PyObject* globals) {
-    if (own_ == nullptr || !PyModule_CheckExact(module_)) {
-        return false;
+void Clock::look_up(const Names& names, PyObject* globals) {
+    *this = {};
+    if (!py::has_plain_keys(globals)) {
+        return;
     }
-    const std::uint64_t globals_version = py::version_of(globals);
-    const std::uint64_t module_version = py::version_of(module_globals_);
-    if (globals_version == globals_version_ && module_version == module_version_) {
-        return true;
+    PyObject* module = py::find(globals, names[Name::time]);
+    if (module == nullptr || !PyModule_CheckExact(module) || !py::has_plain_keys(PyModule_GetDict(module))) {
+        return;
     }
-    if (!py::has_plain_keys(globals) || !py::has_plain_keys(module_globals_) ||
-        py::find(globals, names[Name::time]) != module_ || py::find(module_globals_, names[Name::time]) != own_) {
-        return false;
+    module_globals_ = PyModule_GetDict(module);
+    PyObject* function = py::find(module_globals_, names[Name::time]);
+    if (function != nullptr && PyCFunction_CheckExact(function) && PyCFunction_GET_FLAGS(function) == METH_NOARGS) {
+        function_ = function;
     }
-    globals_version_ = globals_version;
-    module_version_ = module_version;
-    return true;
+    globals_version_ = py::version_of(globals);
+    module_version_ = py::version_of(module_globals_);
 }
 
 Ref Clock::read(const Names& names, PyObject* globals) {
-    if (is_quiet(names, globals)) {
-        return read_quietly();
-    }
     PyObject* module = py::find(globals, names[Name::time]);
     if (module == nullptr) {
         py::raise(PyExc_NameError, "name 'time' is not defined");

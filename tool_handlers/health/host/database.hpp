@@ -1,32 +1,24 @@
 // The repository's database object, `repository.db`: the four statements the module runs through it.
 //
-// Each may block for long and runs Python code, so none is called with a tracker's lock held; each passes on what
-// the database raises. No transaction is begun, committed or rolled back here.
+//     fetchall(sql)            every row of a statement without parameters
+//     fetchone(sql, params)    the first row, or None
+//     execute(sql, params)     its result is not used
+//     executemany(sql, rows)   the statement once for each of the rows, a list; its result is not used
+//
+// Each may block for long and runs Python code, so none is called with a tracker's lock held; each passes on what the
+// database raises. No transaction is begun, committed or rolled back here.
 #pragma once
 
 #include <Python.h>
 
-#include "health/host/host.hpp"
+#include "health/host/module_state.hpp"
 
 namespace health {
 
-class Database {
-public:
-    Database(const Host& host, PyObject* repository) : host_(host), repository_(py::Ref::borrow(repository)) {}
-
-    /// Every row of a statement without parameters, as a list.
-    [[nodiscard]] py::Ref fetch_all(const char* sql) const;
-    /// The first row, or None.
-    [[nodiscard]] py::Ref fetch_one(const char* sql, PyObject* parameters) const;
-    void execute(const char* sql, PyObject* parameters) const;
-    /// Runs the statement once for each of the parameter rows, a list.
-    void execute_many(const char* sql, PyObject* rows) const;
-
-private:
-    [[nodiscard]] py::Ref object() const { return py::get_attribute(repository_.get(), host_.names[Name::db]); }
-
-    const Host& host_;
-    py::Ref repository_;
-};
+/// `tracker._repo.db.<operation>`, to be called. Runs Python code where attribute access does.
+inline py::Ref database_operation(const Module& module, const TrackerView& tracker, Name operation) {
+    const py::Ref database = py::get_attribute(tracker.get(TrackerFields::repo).get(), module[Name::db]);
+    return py::get_attribute(database.get(), module[operation]);
+}
 
 }  // namespace health

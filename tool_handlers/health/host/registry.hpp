@@ -5,18 +5,21 @@
 
 #include <Python.h>
 
-#include "health/host/host.hpp"
+#include "health/host/module_state.hpp"
 
 namespace health {
 
 /// Whether the registry holds the tool.
-bool has_tool(const Host& host, PyObject* tool);
+bool has_tool(const Module& module, PyObject* tool);
 
-/// Whether the registry holds the tool and, where `action` is not None, the tool has that action:
-/// what the module's `_known` answers.
-bool has_action(const Host& host, PyObject* tool, PyObject* action);
+/// Whether the registry holds the tool and, where `action` is not None, the tool has that action.
+bool has_action(const Module& module, PyObject* tool, PyObject* action);
+
+/// `_known(tool, action)`: a bool.
+py::Ref known(const Module& module, PyObject* tool, PyObject* action);
+inline constexpr py::FunctionDef known_def = Implementation<known>::define("_known");
 
 /// As `has_action`, by way of the namespace's `_known`.
-bool is_known(const Host& host, PyObject* tool, PyObject* action);
+bool is_known(const Module& module, PyObject* tool, PyObject* action);
 
 }  // namespace health

@@ -3,20 +3,30 @@
 
 #include <Python.h>
 
-#include "health/host/host.hpp"
+#include "health/host/module_state.hpp"
+#include "health/python/numbers.hpp"
 
 namespace health {
 
 /// New settings with the configuration's defaults: `ToolsConfig()`. Runs Python code.
-py::Ref default_settings(const Host& host);
+inline py::Ref default_settings(const Module& module) {
+    return py::call(module.get(Name::ToolsConfig).get());
+}
 
 /// How many errors in a row disable a tool. May run Python code.
-py::Ref disable_after_errors(const Host& host, PyObject* limits);
-
-/// The same if it is a plain number that can be read without running Python code, else empty.
-py::Ref disable_after_errors_quietly(const Host& host, PyObject* limits);
+inline py::Ref disable_after_errors(const Module& module, PyObject* limits) {
+    return py::get_attribute(limits, module[Name::disable_after_errors]);
+}
 
 /// How long a disabled tool stays disabled, in seconds. May run Python code.
-py::Ref disable_cooldown_s(const Host& host, PyObject* limits);
+inline py::Ref disable_cooldown_s(const Module& module, PyObject* limits) {
+    return py::get_attribute(limits, module[Name::disable_cooldown_s]);
+}
+
+/// A setting if it is a plain number that can be read without running Python code, else empty. `limits` may be nullptr.
+inline py::Ref plain_setting(const Module& module, PyObject* limits, Name name) {
+    py::Ref value = limits == nullptr ? py::Ref() : py::get_plain_attribute(limits, module[name]);
+    return value && py::is_plain_number(value.get()) ? std::move(value) : py::Ref();
+}
 
 }  // namespace health

@@ -1,17 +1,12 @@
-// Errors of the runtime as C++ exceptions, and the frontier where they turn back.
+// Errors of the runtime as C++ exceptions.
 //
 // A failed call of the C API has set the runtime's error; `PythonError` says so and carries nothing.
-// It is thrown by `check`, `Ref::steal` and `raise`, and caught by `to_runtime`, once per entry
-// from the runtime. Only named types are ever caught: a daemon thread that asks for the GIL of a finalising
-// interpreter is unwound by force, and `catch (...)` would abort the process.
+// It is thrown by `check`, `Ref::steal` and `raise`, and caught by `error_of` (health/python/recover.hpp) alone. Only
+// named types are ever caught: a daemon thread that asks for the GIL of a finalising interpreter is unwound by force,
+// and `catch (...)` would abort the process.
 #pragma once
 
 #include <Python.h>
-
-#include <new>
-#include <utility>
-
-#include "health/python/late.hpp"
 
 namespace health::py {
 
@@ -31,20 +26,6 @@ inline int check(int status) {
         throw_current();
     }
     return status;
-}
-
-/// Runs `body` (which returns a `Ref`) for the runtime: a new reference, or NULL with the error set.
-template <class Body>
-PyObject* to_runtime(Body&& body) {
-    try {
-        return std::forward<Body>(body)().release();
-    } catch (const PythonError&) {
-        // The error is set.
-    } catch (const std::bad_alloc&) {
-        PyErr_NoMemory();
-    }
-    finish_late();
-    return nullptr;
 }
 
 }  // namespace health::py

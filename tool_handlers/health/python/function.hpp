@@ -1,55 +1,53 @@
-// The type of the module's functions and methods.
+// The module's functions: Python functions that run native code.
 //
-// One `Definition` describes a function: its parameters with kind, annotation and default, its result, its
-// documentation and its implementation. It feeds the calls, the argument errors and all that the runtime's tools
-// read off a function (`inspect.signature`, `help`, annotations, defaults), so that a native function looks to
-// its host as one written in Python does, and costs what a native call costs.
+// A function is compiled by the runtime from its text, so it is one in every respect: signature, annotations, defaults,
+// attributes, the words of its argument errors. Its body only hands the bound arguments on:
+//
+//     def _known(tool: str, action: str | None) -> bool:                  the text, which gives the signature
+//         """Whether a usage row names a tool, and an action of it, that the registry still has."""
+//         return (...).call(tool, action)
+//
+//     {.name = "_known", .parameter_count = 2, .implementation = known}   its row
+//
+// `make_native` puts a native function in the place of `...`, among the constants of the code, and gives the function a
+// native vectorcall. A call that gives every argument in order goes straight from there to the implementation; any other
+// call is bound by the runtime and comes by way of the body. So does every call once a host has put another code in
+// place, and then that code runs.
+//
+// The native function, what it refers to, and the code that holds it must not refer back to the functions: the collector
+// does not see through code objects.
 #pragma once
 
 #include <Python.h>
 
 #include <cstddef>
-#include <span>
 
 #include "health/python/ref.hpp"
 
 namespace health::py {
 
-enum class Kind : unsigned char { positional_or_keyword, keyword_only };
+/// What a call works with besides its arguments.
+struct FunctionContext {
+    void* state;        // of `make_native`
+    PyObject* globals;  // the function's; borrowed
+};
 
-struct Parameter {
+struct FunctionDef {
     const char* name;
-    const char* annotation = nullptr;  // its text; nullptr for `self`
-    Kind kind = Kind::positional_or_keyword;
-    bool defaults_to_none = false;  // no other default is needed
+    std::size_t parameter_count;
+    /// Takes one borrowed reference per parameter, in their order. The arguments live until it returns.
+    Ref (*implementation)(const FunctionContext& context, PyObject* const* arguments);
 };
 
-inline constexpr std::size_t max_parameters = 6;
+/// The type of the native functions; each module makes its own. Throws a MemoryError.
+Ref make_native_function_type();
 
-struct Definition {
-    const char* name;
-    /// Positional ones first, then those by name only. A method's first is `self`.
-    std::span<const Parameter> parameters;
-    const char* result;  // the annotation of the result, as text
-    const char* documentation;
-    /// Takes one borrowed reference per parameter, in their order; absent ones hold their default.
-    Ref (*implementation)(void* context, PyObject* const* arguments);
-};
+/// Has a Python function run `definition`, which must live as long as the program. `state` is a capsule whose pointer
+/// the implementation gets; the function holds it. Throws where the function has not got the form above.
+void make_native(PyObject* function, const FunctionDef& definition, PyObject* native_function_type, PyObject* state);
 
-/// What the functions of one module share. Outlives them: each holds a reference to `module`.
-struct FunctionHome {
-    PyTypeObject* function_type;  // made by `make_function_type`
-    PyObject* module;
-    void* context;  // handed to every implementation
-};
-
-/// The native function type; each module makes its own. New reference.
-Ref make_function_type(PyObject* module);
-
-/// A function of the module; `definition` must live as long as the program.
-Ref make_function(const FunctionHome& home, const Definition& definition);
-
-/// A method of `owner`, which its first argument must be an instance of.
-Ref make_method(const FunctionHome& home, const Definition& definition, PyTypeObject* owner);
+/// Whether an object is the function of `globals` that runs `definition`, with the code that it was made with: then
+/// running the implementation is the same as calling it. Runs no Python code.
+bool is_original(PyObject* object, const FunctionDef& definition, PyObject* globals);
 
 }  // namespace health::py

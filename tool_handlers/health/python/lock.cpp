@@ -6,94 +6,107 @@ namespace health::py {
 
 namespace {
 
-/// A method of a context manager's type, as a `with` statement looks it up. `missed` ends the error's text where there
-/// is none.
+/// A native method of a type, of its own and no other's; empty if it has none.
+Ref own_method(PyTypeObject* type, const char* name) {
+    Ref method = Ref::borrow_optional(PyDict_GetItemString(type->tp_dict, name));
+    const bool is_own = method && Py_IS_TYPE(method.get(), &PyMethodDescr_Type) && PyDescr_TYPE(method.get()) == type;
+    return is_own ? std::move(method) : Ref();
+}
+
+/// A special method as a `with` statement looks it up: on the type, and bound. `missed` ends the text of the error where
+/// there is none.
 Ref manager_method(PyObject* manager, const char* name, const char* missed) {
-    Ref method = Ref::steal_optional(PyObject_GetAttrString(reinterpret_cast<PyObject*>(Py_TYPE(manager)), name));
-    if (method) {
-        return method;
+    PyTypeObject* type = Py_TYPE(manager);
+    Ref method = Ref::borrow_optional(_PyType_Lookup(type, text(name).get()));
+    if (!method) {
+        raise(PyExc_TypeError, "'%.200s' object does not support the context manager protocol%s", type->tp_name, missed);
     }
-    if (PyErr_ExceptionMatches(PyExc_AttributeError) != 0) {
-        raise(PyExc_TypeError, "'%.200s' object does not support the context manager protocol%s",
-              Py_TYPE(manager)->tp_name, missed);
-    }
-    throw_current();
+    descrgetfunc bind = Py_TYPE(method.get())->tp_descr_get;
+    return bind == nullptr ? std::move(method)
+                           : Ref::steal(bind(method.get(), manager, reinterpret_cast<PyObject*>(type)));
 }
 
 }  // namespace
 
-LockMethods::LockMethods(PyObject* lock_type) {
-    const Ref locked = get_attribute(lock_type, "locked");
-    if (!PyType_Check(lock_type) || !Py_IS_TYPE(locked.get(), &PyMethodDescr_Type)) {
-        raise(PyExc_TypeError, "threading.Lock must make native locks");
+void LockMethods::bind() {
+    const Ref threads = Ref::steal_optional(PyImport_GetModule(text("_thread").get()));
+    const Ref type = threads ? Ref::steal_optional(PyObject_GetAttrString(threads.get(), "LockType")) : Ref();
+    PyErr_Clear();
+    auto* lock_type = reinterpret_cast<PyTypeObject*>(type.get());
+    if (!type || !PyType_Check(type.get()) || !PyType_HasFeature(lock_type, Py_TPFLAGS_IMMUTABLETYPE)) {
+        return;
     }
-    const PyMethodDef& method = *reinterpret_cast<PyMethodDescrObject*>(locked.get())->d_method;
-    if (method.ml_flags != METH_NOARGS) {
-        raise(PyExc_TypeError, "threading.Lock must make native locks");
+    const Ref locked = own_method(lock_type, "locked");
+    Ref acquire = own_method(lock_type, "acquire");
+    Ref release = own_method(lock_type, "release");
+    if (!locked || !acquire || !release ||
+        reinterpret_cast<PyMethodDescrObject*>(locked.get())->d_method->ml_flags != METH_NOARGS) {
+        return;
     }
-    Ref acquire = get_attribute(lock_type, "acquire");
-    release_ = get_attribute(lock_type, "release").release();
-    acquire_ = acquire.release();
-    type_ = Py_NewRef(lock_type);
-    locked_ = method.ml_meth;
+    locked_ = reinterpret_cast<PyMethodDescrObject*>(locked.get())->d_method->ml_meth;
+    acquire_ = std::move(acquire);
+    release_ = std::move(release);
+    type_ = Ref::borrow(type.get());
 }
 
 void LockMethods::acquire(PyObject* lock) const {
-    const Ref done = Ref::steal(PyObject_CallOneArg(acquire_, lock));
+    const Ref done = Ref::steal(PyObject_CallOneArg(acquire_.get(), lock));
 }
 
 bool LockMethods::try_acquire(PyObject* lock) const {
-    return is_true(call(acquire_, lock, Py_False).get());
+    return is_true(call(acquire_.get(), lock, Py_False).get());
 }
 
 void LockMethods::release(PyObject* lock) const {
-    const Ref done = Ref::steal(PyObject_CallOneArg(release_, lock));
+    const Ref done = Ref::steal(PyObject_CallOneArg(release_.get(), lock));
 }
 
-void LockGuard::take(PyObject* lock) {
-    lock_ = Ref::borrow(lock);
+EnteredLock::EnteredLock(const LockMethods& methods, PyObject* lock) : methods_(methods), lock_(Ref::borrow(lock)) {
     if (!methods_.is_native(lock)) {
         const Ref enter = manager_method(lock, "__enter__", "");
         exit_ = manager_method(lock, "__exit__", " (missed __exit__ method)");
-        call(enter.get(), lock);
-        return;
-    }
-    // Once the interpreter finalises, the other threads have ended wherever they were: a lock that cannot be had stays
-    // held, and this last thread is alone without it.
-    if (_Py_IsFinalizing() != 0) {
-        abandoned_ = !methods_.try_acquire(lock_.get());
+        call(enter.get());
+    } else if (_Py_IsFinalizing() != 0) {
+        // The other threads have ended wherever they were: a lock that cannot be had stays held, and this last thread is
+        // alone without it.
+        is_abandoned_ = !methods_.try_acquire(lock);
     } else {
-        methods_.acquire(lock_.get());
+        methods_.acquire(lock);
     }
 }
 
-void LockGuard::leave() {
-    if (abandoned_ || !is_attached()) {
-        return;
-    }
-    if (exit_ && is_unwinding() && leave_later(lock_.get(), exit_.get())) {
-        static_cast<void>(lock_.release());
-        static_cast<void>(exit_.release());
-        return;
-    }
-    PyObject* error = PyErr_GetRaisedException();
-    try {
-        release();
-    } catch (const PythonError&) {
-        PyErr_WriteUnraisable(lock_.get());
-    }
-    PyErr_SetRaisedException(error);
-    if (!is_unwinding()) {
-        finish_late();  // of what failed here; otherwise the frontier does it
-    }
-}
-
-void LockGuard::release() {
+Ref EnteredLock::leave(Ref result, Ref error) {
     if (exit_) {
-        call(exit_.get(), lock_.get(), Py_None, Py_None, Py_None);
-    } else {
+        return leave_manager(std::move(result), std::move(error));
+    }
+    if (error) {
+        const HandledError handled(error.get());
+        release();
+        rethrow(std::move(error));
+    }
+    release();
+    return result;
+}
+
+void EnteredLock::release() const {
+    if (!is_abandoned_) {
         methods_.release(lock_.get());
     }
+}
+
+Ref EnteredLock::leave_manager(Ref result, Ref error) {
+    if (!error) {
+        call(exit_.get(), Py_None, Py_None, Py_None);
+        return result;
+    }
+    const HandledError handled(error.get());
+    const Ref traceback = Ref::steal_optional(PyException_GetTraceback(error.get()));
+    const Ref is_swallowed = call(exit_.get(), reinterpret_cast<PyObject*>(Py_TYPE(error.get())), error.get(),
+                                  traceback ? traceback.get() : Py_None);
+    if (is_true(is_swallowed.get())) {
+        return none();
+    }
+    rethrow(std::move(error));
 }
 
 }  // namespace health::py

@@ -25,11 +25,6 @@ double round_small(double value, double power) {
 
 }  // namespace
 
-Ref add_one(PyObject* number) {
-    const Ref one = Ref::steal(PyLong_FromLong(1));
-    return add(number, one.get());
-}
-
 double round_to(double value, int digits) {
     constexpr std::array powers{1.0, 10.0, 100.0, 1000.0};
     constexpr double small = 1e12;  // a thousandfold is far below 2^52

@@ -33,13 +33,14 @@ inline Py_ssize_t compact_value(PyObject* number) {
     return PyUnstable_Long_CompactValue(reinterpret_cast<PyLongObject*>(number));
 }
 
-/// `number + 1` of a compact one.
-inline Ref plus_one(PyObject* number) {
-    return Ref::steal(PyLong_FromLong(compact_value(number) + 1));
+inline Ref integer(long value) {
+    return Ref::steal(PyLong_FromLong(value));
 }
 
-/// `number + 1`. Runs Python code unless `number` is plain.
-Ref add_one(PyObject* number);
+/// `number + 1` as `+=` makes it. Runs Python code unless `number` is plain.
+inline Ref incremented(PyObject* number) {
+    return is_compact(number) ? integer(compact_value(number) + 1) : add(number, integer(1).get());
+}
 
 /// `left >= right`. Runs Python code unless both are plain.
 inline bool is_at_least(PyObject* left, PyObject* right) {

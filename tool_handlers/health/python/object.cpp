@@ -38,14 +38,6 @@ Ref call_method_vector(PyObject* name, PyObject* const* arguments, std::size_t c
     return Ref::steal(PyObject_VectorcallMethod(name, arguments, count | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
 }
 
-Ref make_type(PyObject* module, PyType_Spec& description) {
-    PyObject* type = PyType_FromModuleAndSpec(module, &description, nullptr);
-    if (type == nullptr && PyErr_Occurred() == nullptr) {
-        PyErr_NoMemory();  // the runtime leaves it unsaid when there is no memory for the type's name
-    }
-    return Ref::steal(type);
-}
-
 Ref next_item(PyObject* iterator) {
     Ref item = Ref::steal_optional(PyIter_Next(iterator));
     if (!item && PyErr_Occurred() != nullptr) {

@@ -53,9 +53,6 @@ Ref call_method(PyObject* object, PyObject* name, Arguments... arguments) {
     return call_method_vector(name, stack.data() + 1, sizeof...(arguments) + 1);
 }
 
-/// A new heap type of a module. Throws what makes it fail, want of memory included.
-Ref make_type(PyObject* module, PyType_Spec& description);
-
 /// A new text that holds `value`.
 inline Ref text(const char* value) {
     return Ref::steal(PyUnicode_FromString(value));
@@ -64,6 +61,14 @@ inline Ref text(const char* value) {
 /// The only attribute access by a C string: for set-up, where no interned name is kept.
 inline Ref get_attribute(PyObject* object, const char* name) {
     return Ref::steal(PyObject_GetAttrString(object, name));
+}
+
+/// `str(object)`, and what an f-string makes of an object.
+inline Ref to_text(PyObject* object) {
+    return Ref::steal(PyObject_Str(object));
+}
+inline Ref formatted(PyObject* object) {
+    return Ref::steal(PyObject_Format(object, nullptr));
 }
 
 template <class... Items>

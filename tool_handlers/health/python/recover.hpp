@@ -1,4 +1,4 @@
-// Undoing what a failed step left behind, before its error goes on.
+// What follows a failure: the API boundary, handlers, undoing.
 #pragma once
 
 #include <Python.h>
@@ -11,50 +11,84 @@
 
 namespace health::py {
 
-/// Runs `body` and returns its result. When it fails, runs `recover` with the error set aside, and passes on that
-/// very error object; an error that `recover` throws takes its place, with the first one as its context.
-template <class Body, class Recover>
-auto recovering(Body&& body, Recover&& recover) {
+/// Runs `body`; the error it ends with, taken out of the indicator, or an empty reference. Everything that catches is
+/// made of this.
+template <class Body>
+Ref error_of(Body&& body) {
     try {
-        return std::forward<Body>(body)();
+        std::forward<Body>(body)();
+        return {};
     } catch (const PythonError&) {
-        // The error is set; it is taken up below, outside the handler.
+        // The error is set.
     } catch (const std::bad_alloc&) {
         PyErr_NoMemory();
     }
-    Ref error = Ref::steal(PyErr_GetRaisedException());
-    finish_late();
-    try {
-        std::forward<Recover>(recover)();
-    } catch (const PythonError&) {
-        PyObject* later = PyErr_GetRaisedException();
-        if (later != error.get()) {
-            PyException_SetContext(later, error.release());
-        }
-        PyErr_SetRaisedException(later);
-        throw;
-    }
+    return Ref::steal_optional(PyErr_GetRaisedException());
+}
+
+/// Sets an error of `error_of` again, and throws.
+[[noreturn]] inline void rethrow(Ref error) {
     PyErr_SetRaisedException(error.release());
     throw_current();
 }
 
-/// As a handler that catches `Exception` does: runs `body`, and when it fails with an error of that kind, calls
-/// `handle(error)` with the error object. An error of another kind (an interruption, an exit) goes on.
-/// Returns whether `body` succeeded.
+/// The API boundary. Runs `body` (which returns a `Ref`) for the runtime: a new reference, or NULL with the error set.
+template <class Body>
+PyObject* to_runtime(Body&& body) {
+    PyObject* result = nullptr;
+    Ref error = error_of([&] { result = body().release(); });
+    if (error) {
+        PyErr_SetRaisedException(error.release());
+        run_deferred();
+    }
+    return result;
+}
+
+/// While it lives, an error is the one being handled: `sys.exc_info()` shows it, and errors raised meanwhile have it as
+/// their context, as in an `except` block.
+class HandledError {
+public:
+    explicit HandledError(PyObject* error) : outer_(Ref::steal_optional(PyErr_GetHandledException())) {
+        PyErr_SetHandledException(error);
+    }
+    HandledError(const HandledError&) = delete;
+    HandledError& operator=(const HandledError&) = delete;
+    HandledError(HandledError&&) = delete;
+    HandledError& operator=(HandledError&&) = delete;
+    ~HandledError() noexcept(false) {
+        if (is_attached()) {
+            PyErr_SetHandledException(outer_.get());
+        }
+    }
+
+private:
+    Ref outer_;
+};
+
+/// `try: body() except BaseException: recover(); raise`.
+template <class Body, class Recover>
+void recovering(Body&& body, Recover&& recover) {
+    Ref error = error_of(std::forward<Body>(body));
+    if (error) {
+        run_deferred();
+        const HandledError handled(error.get());
+        std::forward<Recover>(recover)();
+        rethrow(std::move(error));
+    }
+}
+
+/// `try: body() except Exception as error: handle(error)`. Whether `body` succeeded.
 template <class Body, class Handle>
 bool guarded(Body&& body, Handle&& handle) {
-    try {
-        std::forward<Body>(body)();
+    Ref error = error_of(std::forward<Body>(body));
+    if (!error) {
         return true;
-    } catch (const PythonError&) {
-        if (PyErr_ExceptionMatches(PyExc_Exception) == 0) {
-            throw;
-        }
-    } catch (const std::bad_alloc&) {
-        PyErr_NoMemory();
     }
-    const Ref error = Ref::steal(PyErr_GetRaisedException());
-    finish_late();
+    if (PyErr_GivenExceptionMatches(error.get(), PyExc_Exception) == 0) {
+        rethrow(std::move(error));
+    }
+    run_deferred();
+    const HandledError handled(error.get());
     std::forward<Handle>(handle)(error.get());
     return false;
 }

@@ -10,8 +10,8 @@
 #include <exception>
 #include <utility>
 
+#include "health/python/deferred.hpp"
 #include "health/python/error.hpp"
-#include "health/python/late.hpp"
 
 namespace health::py {
 
@@ -19,11 +19,6 @@ namespace health::py {
 /// finalising interpreter ends it: then destructors run without the GIL and must leave every object alone.
 inline bool is_attached() {
     return _PyThreadState_UncheckedGet() != nullptr;
-}
-
-/// Whether an exception is on its way through this module.
-inline bool is_unwinding() {
-    return std::uncaught_exceptions() > 0;
 }
 
 class Ref {
@@ -73,7 +68,7 @@ private:
             return;
         }
         const bool is_last = Py_REFCNT(object) == 1;
-        if (!(is_last && is_unwinding() && drop_later(object))) {
+        if (!(is_last && std::uncaught_exceptions() > 0 && defer_decref(object))) {
             Py_DECREF(object);
         }
     }

@@ -12,7 +12,7 @@ void Names::intern() {
     };
     static_assert(spellings.size() == count);
     for (std::size_t index = 0; index < count; ++index) {
-        texts_[index] = py::Ref::steal(PyUnicode_InternFromString(spellings[index])).release();
+        texts_[index] = py::Ref::steal(PyUnicode_InternFromString(spellings[index]));
     }
 }
 

@@ -5,35 +5,46 @@
 
 #include <array>
 #include <cstddef>
-#include <tuple>
 
-#include "health/python/visit.hpp"
+#include "health/python/ref.hpp"
 
 namespace health {
 
 // One list: each name becomes a member of `Name` and the text it stands for.
 #define HEALTH_NAMES(NAME)        \
     NAME(TOOLS)                   \
+    NAME(ToolHealthTracker)           \
+    NAME(TOOL_USAGE_KEY)          \
     NAME(ToolsConfig)             \
     NAME(Lock)                    \
     NAME(None)                    \
     NAME(_SQLITE_TIMESTAMP)       \
+    NAME(_TOOL_HEALTH_COLUMNS)    \
     NAME(_ToolState)              \
     NAME(_Usage)                  \
+    NAME(_dirty)                  \
     NAME(_epoch)                  \
     NAME(_flush_health)           \
     NAME(_flush_usage)            \
     NAME(_known)                  \
+    NAME(_limits)                 \
     NAME(_load)                   \
     NAME(_load_usage)             \
+    NAME(_lock)                   \
+    NAME(_repo)                   \
     NAME(_sqlite_time)            \
+    NAME(_state)                  \
+    NAME(_usage)                  \
+    NAME(_usage_dirty)            \
     NAME(_usage_rows)             \
     NAME(action)                  \
+    NAME(add)                     \
     NAME(alias_hit)               \
     NAME(avg_ms)                  \
     NAME(budget)                  \
     NAME(call_count)              \
     NAME(calls)                   \
+    NAME(clear)                   \
     NAME(consecutive_errors)      \
     NAME(cooldown_s)              \
     NAME(count)                   \
@@ -57,6 +68,7 @@ namespace health {
     NAME(get_all_stats)           \
     NAME(get_timing_collector)    \
     NAME(is_slow_call)            \
+    NAME(items)                   \
     NAME(json)                    \
     NAME(last_error)              \
     NAME(loads)                   \
@@ -88,6 +100,7 @@ namespace health {
     NAME(tools)                   \
     NAME(total_ms)                \
     NAME(tzinfo)                  \
+    NAME(update)                  \
     NAME(updated_at)              \
     NAME(usage)                   \
     NAME(utc)                     \
@@ -99,23 +112,18 @@ enum class Name : unsigned char {
 #undef HEALTH_MEMBER
 };
 
-/// The interned texts. Strong references, which live and die with the module's state.
+/// The interned texts.
 class Names {
 public:
     /// Interns all. Throws a MemoryError.
     void intern();
-    [[nodiscard]] PyObject* operator[](Name name) const { return texts_[static_cast<std::size_t>(name)]; }
-    /// As `LockMethods::for_each`.
-    template <class Visit>
-    int for_each(Visit&& visit) {
-        return std::apply([&](auto&... texts) { return py::visit_all(visit, texts...); }, texts_);
-    }
+    [[nodiscard]] PyObject* operator[](Name name) const { return texts_[static_cast<std::size_t>(name)].get(); }
 
 private:
 #define HEALTH_COUNT(name) +1
     static constexpr std::size_t count = 0 HEALTH_NAMES(HEALTH_COUNT);
 #undef HEALTH_COUNT
-    std::array<PyObject*, count> texts_;
+    std::array<py::Ref, count> texts_;
 };
 
 }  // namespace health

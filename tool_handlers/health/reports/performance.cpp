@@ -10,15 +10,15 @@ namespace {
 constexpr std::array figures{Name::name,   Name::count,  Name::avg_ms, Name::p95_ms,
                              Name::min_ms, Name::max_ms, Name::errors};
 
-Ref collect(const Host& host) {
-    const Ref collector = py::call(host.get(Name::get_timing_collector).get());
-    return py::call_method(collector.get(), host.names[Name::get_all_stats]);
+Ref collect(const Module& module) {
+    const Ref collector = py::call(module.get(Name::get_timing_collector).get());
+    return py::call_method(collector.get(), module[Name::get_all_stats]);
 }
 
-Ref make_entry(const Host& host, PyObject* element) {
+Ref make_entry(const Module& module, PyObject* element) {
     Ref entry = Ref::steal(PyDict_New());
     for (const Name figure : figures) {
-        PyObject* key = host.names[figure];
+        PyObject* key = module[figure];
         py::check(PyDict_SetItem(entry.get(), key, py::get_item(element, key).get()));
     }
     return entry;
@@ -26,14 +26,14 @@ Ref make_entry(const Host& host, PyObject* element) {
 
 }  // namespace
 
-Ref performance_report(const Host& host) {
-    const Ref iterator = Ref::steal(PyObject_GetIter(collect(host).get()));
+Ref performance_report(const Module& module) {
+    const Ref iterator = Ref::steal(PyObject_GetIter(collect(module).get()));
     const Ref entries = Ref::steal(PyList_New(0));
     while (const Ref element = py::next_item(iterator.get())) {
-        py::check(PyList_Append(entries.get(), make_entry(host, element.get()).get()));
+        py::check(PyList_Append(entries.get(), make_entry(module, element.get()).get()));
     }
     Ref report = Ref::steal(PyDict_New());
-    py::check(PyDict_SetItem(report.get(), host.names[Name::tools], entries.get()));
+    py::check(PyDict_SetItem(report.get(), module[Name::tools], entries.get()));
     return report;
 }
 

@@ -21,15 +21,15 @@ Ref make_warning(PyObject* counted, PyObject* budget) {
 
 }  // namespace
 
-Ref thread_census_report(const Host& host, PyObject* budget, PyObject* census) {
-    const Ref taken = census == Py_None ? py::call(host.get(Name::thread_census).get()) : Ref::borrow(census);
-    const Ref by_system = py::get_attribute(taken.get(), host.names[Name::os_threads]);
-    const Ref by_runtime = py::get_attribute(taken.get(), host.names[Name::python_total]);
-    const Ref threads = py::get_attribute(taken.get(), host.names[Name::python_threads]);
+Ref thread_census_report(const Module& module, PyObject* budget, PyObject* census) {
+    const Ref taken = census == Py_None ? py::call(module.get(Name::thread_census).get()) : Ref::borrow(census);
+    const Ref by_system = py::get_attribute(taken.get(), module[Name::os_threads]);
+    const Ref by_runtime = py::get_attribute(taken.get(), module[Name::python_total]);
+    const Ref threads = py::get_attribute(taken.get(), module[Name::python_threads]);
     const Ref by_name = py::call(reinterpret_cast<PyObject*>(&PyDict_Type), threads.get());
     Ref report = Ref::steal(PyDict_New());
     const auto put = [&](Name name, PyObject* value) {
-        py::check(PyDict_SetItem(report.get(), host.names[name], value));
+        py::check(PyDict_SetItem(report.get(), module[name], value));
     };
     const bool is_system_counted = by_system.get() != Py_None;
     if (is_system_counted) {

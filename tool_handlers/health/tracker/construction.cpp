@@ -5,34 +5,23 @@
 namespace health {
 
 using py::Ref;
+using enum TrackerFields::Field;
 
-namespace {
-
-void put(PyObject*& field, Ref value) {
-    value.swap_with(field);
+void initialise(const Module& module, PyObject* self, PyObject* repository, PyObject* limits) {
+    const TrackerView tracker = module.tracker(self);
+    tracker.set(repo, Ref::borrow(repository));
+    tracker.set(TrackerFields::limits, limits == Py_None ? default_settings(module) : Ref::borrow(limits));
+    tracker.set(lock, py::call_method(module.get(Name::threading).get(), module[Name::Lock]));
+    tracker.set(state, Ref::steal(PyDict_New()));
+    tracker.set(dirty, Ref::steal(PySet_New(nullptr)));
+    tracker.set(usage, Ref::steal(PyDict_New()));
+    tracker.set(usage_dirty, py::boolean(false));
+    py::call_method(self, module[Name::_load]);
+    py::call_method(self, module[Name::_load_usage]);
 }
 
-Ref make_lock(const Host& host) {
-    return py::call_method(host.get(Name::threading).get(), host.names[Name::Lock]);
-}
-
-}  // namespace
-
-void initialise(Tracker& tracker, const Host& host, PyObject* repository, PyObject* limits) {
-    put(tracker.repo, Ref::borrow(repository));
-    put(tracker.limits, limits == Py_None ? default_settings(host) : Ref::borrow(limits));
-    put(tracker.lock, make_lock(host));
-    put(tracker.state, Ref::steal(PyDict_New()));
-    put(tracker.dirty, Ref::steal(PySet_New(nullptr)));
-    put(tracker.usage, Ref::steal(PyDict_New()));
-    put(tracker.usage_dirty, py::boolean(false));
-    put(tracker.owed, Ref());
-    py::call_method(tracker.object(), host.names[Name::_load]);
-    py::call_method(tracker.object(), host.names[Name::_load_usage]);
-}
-
-Ref limits(const Tracker& tracker) {
-    return Ref::borrow(require(tracker.limits, "_limits"));
+Ref limits_of(const Module& module, PyObject* self) {
+    return module.tracker(self).get(limits);
 }
 
 }  // namespace health

@@ -1,9 +1,10 @@
 // Counting calls by usage key: tool, action, outcome and whether a synonym was used.
-#include "health/python/dict.hpp"
 #include "health/python/numbers.hpp"
-#include "health/tracker/consistency.hpp"
+#include "health/tracker/dirty.hpp"
+#include "health/tracker/edit.hpp"
+#include "health/tracker/mapping.hpp"
+#include "health/tracker/section.hpp"
 #include "health/tracker/tracker.hpp"
-#include "health/tracker/update.hpp"
 
 namespace health {
 
@@ -11,63 +12,70 @@ using py::Ref;
 
 namespace {
 
-using UsageUpdate = Update<UsageFields>;
 using enum UsageFields::Field;
+using UsageKey = py::LookupCache::Key<4>;
 
 /// Whether adding `amount` (or nothing, for None) to a plain total runs no Python code.
 bool is_plain_sum(PyObject* total, PyObject* amount) {
     return total != nullptr && py::is_plain_number(total) && (amount == Py_None || py::is_plain_number(amount));
 }
 
-/// The record of a usage key if a call can be counted under it in a quiet section, else nullptr. Borrowed, and good
-/// until anything runs Python code.
-PyObject* find_quietly(const Tracker& tracker, const Host& host, const UsageRecall::Key& key, PyObject* duration_ms) {
-    PyObject* record = tracker.known_usage.find(tracker.usage, key);
-    if (record == nullptr) {
-        return nullptr;
-    }
-    const UsageView usage = host.usage(record);
-    const bool is_plain = is_plain_sum(usage.peek(calls), Py_None) && is_plain_sum(usage.peek(timed_calls), Py_None) &&
-                          is_plain_sum(usage.peek(total_ms), duration_ms);
+/// The record of a usage key if a call can be counted under it in an elided section, else nullptr. Borrowed, and good
+/// until Python code may run.
+PyObject* find_plain(const Module& module, const TrackerView& tracker, const UsageKey& key, PyObject* duration_ms) {
+    PyObject* record = module.state.lookups.find(tracker.get_borrowed(TrackerFields::usage), key);
+    PyObject** values = record == nullptr ? nullptr : module.state.usage.layout.values_of(record);
+    const bool is_plain = values != nullptr && is_plain_sum(values[calls], Py_None) &&
+                          is_plain_sum(values[timed_calls], Py_None) && is_plain_sum(values[total_ms], duration_ms) &&
+                          tracker.get_borrowed(TrackerFields::usage_dirty) != nullptr;
     return is_plain ? record : nullptr;
 }
 
-/// Begins an update of the key's record, or of a new one. The lock is held.
-void begin(UsageUpdate& update, Tracker& tracker, const Host& host, PyObject* key) {
-    const Ref usage = hold_usage(tracker);
-    tracker.known_usage.notice_miss(usage.get(), host.records.usage.get());
-    PyObject* found = py::find(usage.get(), key);
-    update.begin(found == nullptr ? make_usage(host) : Ref::borrow(found), found == nullptr);
+/// Begins an edit of the key's record, or of a new one. The lock is held.
+void begin(Edit<UsageFields>& edit, const Module& module, const TrackerView& tracker, const UsageKey& parts,
+           PyObject* key) {
+    if (Ref found = look_up(module, tracker.get(TrackerFields::usage).get(), parts, key)) {
+        edit.begin(std::move(found));
+        return;
+    }
+    Ref record = make_usage(module);
+    Ref mapping = tracker.get(TrackerFields::usage);
+    put(mapping.get(), key, record.get());
+    edit.begin_added(std::move(record), std::move(mapping), key);
+}
+
+/// `tracker._usage_dirty = True`, but where it says more already. The value it replaced.
+Ref mark_usage_dirty(const TrackerView& tracker) {
+    const bool is_said = tracker.get_borrowed(TrackerFields::usage_dirty) == Py_True || is_everything_dirty(tracker);
+    return is_said ? Ref() : tracker.exchange(TrackerFields::usage_dirty, py::boolean(true));
 }
 
 }  // namespace
 
-void record_call(Tracker& tracker, Host& host, PyObject* tool_name, PyObject* action, PyObject* outcome,
-                 PyObject* alias_hit, PyObject* duration_ms) {
-    UsageUpdate update;
-    Ref key;  // made only where the key is not known
-    PyObject* known = find_quietly(tracker, host, {tool_name, action, outcome, alias_hit}, duration_ms);
-    const py::LockGuard guard(host.locks, require(tracker.lock, "_lock"), known != nullptr);
-    if (guard.only_looked()) {
-        update.begin_quietly(known);
-    } else {
-        key = py::make_tuple(tool_name, action, outcome, alias_hit);
-        begin(update, tracker, host, key.get());
-    }
-    const UsageView usage = host.usage(update.record());
-    update.set(calls, usage.count_up(calls));
-    if (duration_ms != Py_None) {
-        update.set(timed_calls, usage.count_up(timed_calls));
-        update.set(total_ms, py::add(usage.get(total_ms).get(), duration_ms));
-    }
-    update.apply(usage);
-    if (update.is_new()) {
-        tracker.known_usage.insert(hold_usage(tracker).get(), key.get(), update.record());
-    }
-    if (tracker.usage_dirty != Py_True) {
-        update.bury(Ref::steal_optional(std::exchange(tracker.usage_dirty, Py_NewRef(Py_True))));
-    }
-    assert_consistent(tracker);
+Ref record_call(const Module& module, PyObject* self, PyObject* tool_name, PyObject* action, PyObject* outcome,
+                PyObject* alias_hit, PyObject* duration_ms) {
+    const TrackerView tracker = module.tracker(self);
+    const UsageKey parts{tool_name, action, outcome, alias_hit};
+    Ref key;  // made only where the record is not known
+    Edit<UsageFields> edit(module.state.usage);
+    PyObject* known = find_plain(module, tracker, parts, duration_ms);
+    return in_section(module, tracker, known != nullptr, [&](bool is_elided) {
+        if (is_elided) {
+            edit.begin_elided(known);
+        } else {
+            key = py::make_tuple(tool_name, action, outcome, alias_hit);
+            begin(edit, module, tracker, parts, key.get());
+        }
+        edit.apply([&] {
+            edit.increment(calls);
+            if (duration_ms != Py_None) {
+                edit.increment(timed_calls);
+                edit.set(total_ms, py::add(edit.get(total_ms).get(), duration_ms));
+            }
+            edit.retire(mark_usage_dirty(tracker));
+        });
+        return py::none();
+    });
 }
 
 }  // namespace health

@@ -3,12 +3,12 @@
 
 #include <Python.h>
 
-#include "health/host/host.hpp"
+#include "health/host/module_state.hpp"
 
 namespace health {
 
 /// The table that a stored text holds, or None for an empty one: a new dict, usage key to record, in the document's
 /// order. Runs Python code. Throws what `json.loads` raises, and what an element of the wrong shape does.
-py::Ref read_document(const Host& host, PyObject* text);
+py::Ref read_document(const Module& module, PyObject* text);
 
 }  // namespace health

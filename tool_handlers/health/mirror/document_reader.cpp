@@ -1,4 +1,4 @@
-#include "health/tracker/document_reader.hpp"
+#include "health/mirror/document_reader.hpp"
 
 #include <functional>
 #include <string_view>
@@ -6,7 +6,7 @@
 #include "health/python/dict.hpp"
 #include "health/python/ref_vector.hpp"
 #include "health/python/text.hpp"
-#include "health/tracker/canonical_document.hpp"
+#include "health/mirror/canonical_document.hpp"
 
 namespace health {
 
@@ -15,8 +15,8 @@ using py::Ref;
 namespace {
 
 /// A member that every element of a document must have.
-Ref member(const Host& host, PyObject* element, Name name) {
-    PyObject* key = host.names[name];
+Ref member(const Module& module, PyObject* element, Name name) {
+    PyObject* key = module[name];
     if (!PyDict_CheckExact(element)) {
         return py::get_item(element, key);
     }
@@ -29,16 +29,16 @@ Ref member(const Host& host, PyObject* element, Name name) {
 }
 
 /// Adds one element of a parsed document to the table.
-void add_element(const Host& host, PyObject* table, PyObject* element) {
-    const Ref tool = Ref::steal(PyObject_Str(member(host, element, Name::tool).get()));
-    const Ref action = member(host, element, Name::action);
-    const Ref outcome = Ref::steal(PyObject_Str(member(host, element, Name::outcome).get()));
-    const Ref alias_hit = py::boolean(py::is_true(member(host, element, Name::alias_hit).get()));
+void add_element(const Module& module, PyObject* table, PyObject* element) {
+    const Ref tool = Ref::steal(PyObject_Str(member(module, element, Name::tool).get()));
+    const Ref action = member(module, element, Name::action);
+    const Ref outcome = Ref::steal(PyObject_Str(member(module, element, Name::outcome).get()));
+    const Ref alias_hit = py::boolean(py::is_true(member(module, element, Name::alias_hit).get()));
     const Ref key = py::make_tuple(tool.get(), action.get(), outcome.get(), alias_hit.get());
-    const Ref calls = Ref::steal(PyNumber_Long(member(host, element, Name::calls).get()));
-    const Ref timed_calls = Ref::steal(PyNumber_Long(member(host, element, Name::timed_calls).get()));
-    const Ref total_ms = Ref::steal(PyNumber_Float(member(host, element, Name::total_ms).get()));
-    const Ref usage = make_usage(host, calls.get(), timed_calls.get(), total_ms.get());
+    const Ref calls = Ref::steal(PyNumber_Long(member(module, element, Name::calls).get()));
+    const Ref timed_calls = Ref::steal(PyNumber_Long(member(module, element, Name::timed_calls).get()));
+    const Ref total_ms = Ref::steal(PyNumber_Float(member(module, element, Name::total_ms).get()));
+    const Ref usage = make_usage(module, calls.get(), timed_calls.get(), total_ms.get());
     py::check(PyDict_SetItem(table, key.get(), usage.get()));
 }
 
@@ -61,7 +61,7 @@ private:
     py::RefVector<Ref> texts_;
 };
 
-void add_canonical(const Host& host, PyObject* table, SharedTexts& texts, const CanonicalElement& element) {
+void add_canonical(const Module& module, PyObject* table, SharedTexts& texts, const CanonicalElement& element) {
     const Ref tool_text = Ref::borrow(texts.get(element.tool));
     const Ref action_text = element.action ? Ref::borrow(texts.get(*element.action)) : py::none();
     const Ref outcome_text = Ref::borrow(texts.get(element.outcome));
@@ -70,15 +70,15 @@ void add_canonical(const Host& host, PyObject* table, SharedTexts& texts, const 
     const Ref call_count = Ref::steal(PyLong_FromLong(element.calls));
     const Ref timed_count = Ref::steal(PyLong_FromLong(element.timed_calls));
     const Ref total = Ref::steal(PyFloat_FromDouble(element.total_ms));
-    const Ref usage = make_usage(host, call_count.get(), timed_count.get(), total.get());
+    const Ref usage = make_usage(module, call_count.get(), timed_count.get(), total.get());
     py::check(PyDict_SetItem(table, key.get(), usage.get()));
 }
 
 /// Reads a document in the form that the module writes, in a fraction of the parser's time; empty for any other text,
 /// and where the parser was replaced.
-Ref read_canonical(const Host& host, PyObject* text) {
-    const Ref parser = py::get_attribute(host.get(Name::json).get(), host.names[Name::loads]);
-    if (parser.get() != host.own.json_loads || !py::is_plain_ascii(text)) {
+Ref read_canonical(const Module& module, PyObject* text) {
+    const Ref parser = py::get_attribute(module.get(Name::json).get(), module[Name::loads]);
+    if (parser.get() != module.state.originals.json_loads.get() || !py::is_plain_ascii(text)) {
         return {};
     }
     Ref table = Ref::steal(PyDict_New());
@@ -86,15 +86,15 @@ Ref read_canonical(const Host& host, PyObject* text) {
     CanonicalReader reader(py::ascii_of(text));
     CanonicalElement element{};
     while (reader.next(element)) {
-        add_canonical(host, table.get(), texts, element);
+        add_canonical(module, table.get(), texts, element);
     }
     return reader.is_done() ? std::move(table) : Ref();
 }
 
 /// Reads any document, with the runtime's parser.
-Ref read_general(const Host& host, PyObject* text) {
+Ref read_general(const Module& module, PyObject* text) {
     Ref table = Ref::steal(PyDict_New());
-    const Ref document = py::call_method(host.get(Name::json).get(), host.names[Name::loads], text);
+    const Ref document = py::call_method(module.get(Name::json).get(), module[Name::loads], text);
     if (PyDict_Check(document.get()) && PyDict_GET_SIZE(document.get()) == 0) {
         return table;
     }
@@ -103,19 +103,19 @@ Ref read_general(const Host& host, PyObject* text) {
     }
     for (Py_ssize_t index = 0; index < PyList_GET_SIZE(document.get()); ++index) {
         const Ref element = Ref::borrow(PyList_GET_ITEM(document.get(), index));
-        add_element(host, table.get(), element.get());
+        add_element(module, table.get(), element.get());
     }
     return table;
 }
 
 }  // namespace
 
-Ref read_document(const Host& host, PyObject* text) {
+Ref read_document(const Module& module, PyObject* text) {
     if (text == Py_None) {
         return Ref::steal(PyDict_New());
     }
-    Ref table = read_canonical(host, text);
-    return table ? std::move(table) : read_general(host, text);
+    Ref table = read_canonical(module, text);
+    return table ? std::move(table) : read_general(module, text);
 }
 
 }  // namespace health

@@ -8,7 +8,7 @@
 
 #include <string_view>
 
-#include "health/host/host.hpp"
+#include "health/host/module_state.hpp"
 #include "health/python/memory.hpp"
 #include "health/python/ref_vector.hpp"
 
@@ -27,7 +27,7 @@ struct DocumentEntry {
 
 class DocumentWriter {
 public:
-    explicit DocumentWriter(const Host& host) : host_(host) {}
+    explicit DocumentWriter(const Module& module) : module_(module) {}
 
     /// The document of these entries, as a str. An encoder that a host put in place of `json.dumps` is heard.
     py::Ref write(const py::RefVector<DocumentEntry>& entries);
@@ -45,7 +45,7 @@ private:
     py::Ref dump(PyObject* dumps, PyObject* value) const;
     void add_characters(PyObject* text);
 
-    const Host& host_;
+    const Module& module_;
     py::Text out_;
     py::Ref escape_;  // `json.encoder.encode_basestring_ascii`, once it is needed
 };

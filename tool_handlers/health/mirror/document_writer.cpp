@@ -1,4 +1,4 @@
-#include "health/tracker/document_writer.hpp"
+#include "health/mirror/document_writer.hpp"
 
 #include <array>
 #include <charconv>
@@ -7,8 +7,8 @@
 
 #include "health/python/numbers.hpp"
 #include "health/python/text.hpp"
-#include "health/tracker/canonical_document.hpp"
-#include "health/tracker/usage_entries.hpp"
+#include "health/mirror/canonical_document.hpp"
+#include "health/tracker/mapping.hpp"
 
 namespace health {
 
@@ -24,12 +24,12 @@ bool needs_no_escape(PyObject* text) {
 }
 
 /// The entries as a list of dictionaries: what an encoder other than the runtime's own is given.
-Ref list_objects(const Host& host, const py::RefVector<DocumentEntry>& entries) {
+Ref list_objects(const Module& module, const py::RefVector<DocumentEntry>& entries) {
     Ref list = Ref::steal(PyList_New(0));
     for (const DocumentEntry& entry : entries) {
         const Ref object = Ref::steal(PyDict_New());
         const auto put = [&](Name name, PyObject* value) {
-            py::check(PyDict_SetItem(object.get(), host.names[name], value));
+            py::check(PyDict_SetItem(object.get(), module[name], value));
         };
         put(Name::tool, member_of(entry.key, key_tool));
         put(Name::action, member_of(entry.key, key_action));
@@ -50,9 +50,9 @@ struct FreeText {
 }  // namespace
 
 Ref DocumentWriter::write(const py::RefVector<DocumentEntry>& entries) {
-    const Ref dumps = py::get_attribute(host_.get(Name::json).get(), host_.names[Name::dumps]);
-    if (dumps.get() != host_.own.json_dumps) {
-        return dump(dumps.get(), list_objects(host_, entries).get());
+    const Ref dumps = py::get_attribute(module_.get(Name::json).get(), module_[Name::dumps]);
+    if (dumps.get() != module_.state.originals.json_dumps.get()) {
+        return dump(dumps.get(), list_objects(module_, entries).get());
     }
     out_.reserve(entries.size() * typical_entry + 2);
     out_ += '[';
@@ -123,8 +123,8 @@ void DocumentWriter::add_text(PyObject* value) {
         return;
     }
     if (!escape_) {
-        const Ref encoder = py::get_attribute(host_.get(Name::json).get(), host_.names[Name::encoder]);
-        escape_ = py::get_attribute(encoder.get(), host_.names[Name::encode_basestring_ascii]);
+        const Ref encoder = py::get_attribute(module_.get(Name::json).get(), module_[Name::encoder]);
+        escape_ = py::get_attribute(encoder.get(), module_[Name::encode_basestring_ascii]);
     }
     add_characters(py::call(escape_.get(), value).get());
 }
@@ -172,12 +172,12 @@ void DocumentWriter::add_rounded(double value) {
 }
 
 void DocumentWriter::add_by_runtime(PyObject* value) {
-    add_characters(dump(host_.own.json_dumps, value).get());
+    add_characters(dump(module_.state.originals.json_dumps.get(), value).get());
 }
 
 /// `dumps(value, separators=(",", ":"))`.
 Ref DocumentWriter::dump(PyObject* dumps, PyObject* value) const {
-    const Ref keywords = py::make_tuple(host_.names[Name::separators]);
+    const Ref keywords = py::make_tuple(module_[Name::separators]);
     const Ref separators = py::make_tuple(py::text(",").get(), py::text(":").get());
     std::array<PyObject*, 3> arguments{nullptr, value, separators.get()};
     return py::call_vector(dumps, arguments.data() + 1, 1, keywords.get());

@@ -19,6 +19,7 @@ using Order = py::Vector<std::size_t>;
 template <class KeyOf>
 Order order_by_runtime(std::size_t count, KeyOf&& key_of) {
     const py::Ref keys = py::Ref::steal(PyList_New(0));
+    PyObject_GC_UnTrack(keys.get());  // so that no Python code finds it through the collector
     for (std::size_t index = 0; index < count; ++index) {
         const py::Ref position = py::Ref::steal(PyLong_FromSize_t(index));
         const py::Ref key = key_of(index);

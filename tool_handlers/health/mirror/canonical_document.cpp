@@ -1,4 +1,4 @@
-#include "health/tracker/canonical_document.hpp"
+#include "health/mirror/canonical_document.hpp"
 
 #include <algorithm>
 #include <charconv>

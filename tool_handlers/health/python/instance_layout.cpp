@@ -1,0 +1,61 @@
+#include "health/python/instance_layout.hpp"
+
+#include "health/python/object.hpp"
+
+namespace health::py {
+
+void InstanceLayout::bind(PyObject* type, std::span<const Ref> names) {
+    if (!PyType_Check(type)) {
+        return;
+    }
+    type_ = reinterpret_cast<PyTypeObject*>(type);
+    names_ = names;
+    watch_ = Ref::steal(PyWeakref_NewRef(type, nullptr));
+    if ((type_->tp_flags & Py_TPFLAGS_MANAGED_DICT) != 0 && type_->tp_new == PyBaseObject_Type.tp_new &&
+        type_->tp_basicsize == PyBaseObject_Type.tp_basicsize && is_plain_now()) {
+        bound_version_ = reads_back() ? version_ : 0;
+    }
+    version_ = bound_version_;
+}
+
+Ref InstanceLayout::make_bare() const {
+    const Ref no_arguments = Ref::steal(PyTuple_New(0));
+    return Ref::steal(PyBaseObject_Type.tp_new(type_, no_arguments.get(), nullptr));
+}
+
+/// Whether an attribute that is set on a first object, which fixes the order, is found where it should be.
+bool InstanceLayout::reads_back() const {
+    const Ref object = make_bare();
+    for (const Ref& name : names_) {
+        check(PyObject_GenericSetAttr(object.get(), name.get(), name.get()));
+    }
+    const std::uintptr_t word = word_of(object.get());
+    if ((word & tag) == 0) {
+        return false;
+    }
+    auto* const* values = reinterpret_cast<PyObject**>(word + tag);
+    for (const Ref& name : names_) {
+        if (*values++ != name.get()) {
+            return false;
+        }
+    }
+    return true;
+}
+
+/// Looks whether attribute access is the plain one for the class as it is now, and notes its version if so.
+bool InstanceLayout::is_plain_now() {
+    if (type_->tp_getattro != PyObject_GenericGetAttr || type_->tp_setattro != PyObject_GenericSetAttr ||
+        (watch_ && PyWeakref_GET_OBJECT(watch_.get()) != reinterpret_cast<PyObject*>(type_))) {
+        return false;
+    }
+    for (const Ref& name : names_) {
+        PyObject* found = _PyType_Lookup(type_, name.get());  // which also gives the class a version
+        if (found != nullptr && Py_TYPE(found)->tp_descr_set != nullptr) {
+            return false;
+        }
+    }
+    version_ = type_->tp_version_tag;
+    return version_ != 0;
+}
+
+}  // namespace health::py

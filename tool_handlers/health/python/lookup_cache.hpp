@@ -1,0 +1,103 @@
+// A cache of dictionary look-ups that have been made, as the runtime's own cache of type attributes is one.
+//
+// An entry holds a key, the value borrowed from the dictionary, and the dictionary's version: a number that no other
+// state of any dictionary of this interpreter has. It serves while the dictionary has that version, so an answer is
+// always what a look-up would give, and it is found without running Python code, and without building the key where that
+// is a tuple. Each key has one place; another that has the same one takes it over.
+//
+// Only plain keys are held: exactly a str, or a tuple of parts that are exactly str, None or bool. Comparing those runs
+// no Python code, and neither does dropping them.
+#pragma once
+
+#include <Python.h>
+
+#include <array>
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+
+#include "health/python/dict.hpp"
+#include "health/python/ref.hpp"
+
+namespace health::py {
+
+class LookupCache {
+public:
+    template <std::size_t Count>
+    using Key = std::array<PyObject*, Count>;  // the parts of a tuple; a single one stands for itself
+
+    /// The value under a key of `dict`, which may be any object or nullptr; nullptr if it is not known. Borrowed, and
+    /// good until Python code may run; runs none itself.
+    template <std::size_t Count>
+    PyObject* find(PyObject* dict, const Key<Count>& key) const {
+        if (dict == nullptr || !PyDict_CheckExact(dict)) {
+            return nullptr;
+        }
+        const Entry& entry = entries_[place_of(dict, key)];
+        return entry.version == version_of(dict) && is_same_key(entry.key.get(), key) ? entry.value : nullptr;
+    }
+
+    /// Keeps what a look-up in an exact dictionary has just found. Keys that are not plain are left out. Runs nothing.
+    template <std::size_t Count>
+    void remember(PyObject* dict, const Key<Count>& parts, PyObject* key, PyObject* value) {
+        for (PyObject* part : parts) {
+            if (!PyUnicode_CheckExact(part) && part != Py_None && !PyBool_Check(part)) {
+                return;
+            }
+        }
+        Entry& entry = entries_[place_of(dict, parts)];
+        entry.version = version_of(dict);
+        entry.value = value;
+        entry.key = Ref::borrow(key);
+    }
+
+private:
+    struct Entry {
+        std::uint64_t version = 0;  // that no dictionary has
+        PyObject* value = nullptr;  // borrowed from the dictionary while it has that version
+        Ref key;
+    };
+
+    static constexpr std::size_t size = 1024;
+
+    static std::size_t hash_of(PyObject* part) {
+        if (!PyUnicode_CheckExact(part)) {
+            return reinterpret_cast<std::uintptr_t>(part) >> 4;
+        }
+        const Py_hash_t known = reinterpret_cast<PyASCIIObject*>(part)->hash;
+        return static_cast<std::size_t>(known != -1 ? known : PyObject_Hash(part));
+    }
+
+    template <std::size_t Count>
+    static std::size_t place_of(PyObject* dict, const Key<Count>& key) {
+        std::size_t hash = reinterpret_cast<std::uintptr_t>(dict) >> 4;
+        for (PyObject* part : key) {
+            hash = std::rotl(hash, 5) ^ hash_of(part);
+        }
+        return (hash ^ hash >> 10) % size;
+    }
+
+    static bool is_same(PyObject* left, PyObject* right) {
+        return left == right ||
+               (PyUnicode_CheckExact(left) && PyUnicode_CheckExact(right) && _PyUnicode_EQ(left, right) != 0);
+    }
+
+    static bool is_same_key(PyObject* held, const Key<1>& key) { return is_same(held, key[0]); }
+
+    template <std::size_t Count>
+    static bool is_same_key(PyObject* held, const Key<Count>& key) {
+        if (!PyTuple_CheckExact(held) || PyTuple_GET_SIZE(held) != static_cast<Py_ssize_t>(Count)) {
+            return false;
+        }
+        for (std::size_t index = 0; index < Count; ++index) {
+            if (!is_same(PyTuple_GET_ITEM(held, static_cast<Py_ssize_t>(index)), key[index])) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    std::array<Entry, size> entries_;
+};
+
+}  // namespace health::py
