@@ -85,12 +85,9 @@ bool Module::is_original(Name name, const py::FunctionDef& definition) const {
     return function != nullptr && py::is_original(function, definition, globals);
 }
 
-TrackerView Module::tracker(PyObject* object) const {
-    if (!state.tracker.layout.is_instance(object)) {
-        py::raise(PyExc_TypeError, "a method of 'ToolHealthTracker' objects doesn't apply to a '%.100s' object",
-                  Py_TYPE(object)->tp_name);
-    }
-    return {state.tracker, object};
+void Module::reject_tracker(PyObject* object) {
+    py::raise(PyExc_TypeError, "a method of 'ToolHealthTracker' objects doesn't apply to a '%.100s' object",
+              Py_TYPE(object)->tp_name);
 }
 
 void log_failure(const Module& module, const char* format, PyObject* error) {

@@ -39,6 +39,8 @@ struct ModuleState {
     ObjectClass<UsageFields> usage;
     ObjectClass<TrackerFields> tracker;
     Originals originals;
+    py::PlainAttribute disable_after_errors;  // of the settings, as the next
+    py::PlainAttribute disable_cooldown_s;
     /// `(False, None)`, the answer for a tool that may be called.
     py::Ref enabled_answer;
     /// Dictionaries with the keys of a health record and of a usage row in their order: a copy of one, filled in, costs
@@ -58,9 +60,12 @@ inline constexpr std::array health_record_keys{Name::tool_name, Name::call_count
 inline constexpr std::array usage_row_keys{Name::action, Name::outcome, Name::alias_hit,
                                            Name::calls,  Name::avg_ms,  Name::slow};
 
-struct Module {
+class Module {
+public:
     ModuleState& state;
     PyObject* globals;  // the namespace; borrowed
+
+    Module(ModuleState& module_state, PyObject* module_globals) : state(module_state), globals(module_globals) {}
 
     /// The interned text of a name.
     [[nodiscard]] PyObject* operator[](Name name) const { return state.names[name]; }
@@ -75,7 +80,15 @@ struct Module {
     [[nodiscard]] ToolStateView tool_state(PyObject* object) const { return {state.tool_state, object}; }
     [[nodiscard]] UsageView usage(PyObject* object) const { return {state.usage, object}; }
     /// Throws a TypeError for an object that is no tracker.
-    [[nodiscard]] TrackerView tracker(PyObject* object) const;
+    [[nodiscard]] TrackerView tracker(PyObject* object) const {
+        if (!state.tracker.layout.is_instance(object)) {
+            reject_tracker(object);
+        }
+        return {state.tracker, object};
+    }
+
+private:
+    [[noreturn]] static void reject_tracker(PyObject* object);
 };
 
 /// Makes the row of a function out of what implements it: `Ref f(const Module&, PyObject*...)`, or `void` for None.
@@ -85,7 +98,7 @@ struct Implementation;
 template <class Result, class... Parameters, Result (*function)(const Module&, Parameters...)>
 struct Implementation<function> {
     static py::Ref run(const py::FunctionContext& context, PyObject* const* arguments) {
-        const Module module{.state = *static_cast<ModuleState*>(context.state), .globals = context.globals};
+        const Module module(*static_cast<ModuleState*>(context.state), context.globals);
         return [&]<std::size_t... place>(std::index_sequence<place...>) {
             if constexpr (std::is_void_v<Result>) {
                 function(module, arguments[place]...);

@@ -12,8 +12,9 @@ namespace {
 struct NativeFunction {
     PyObject ob_base;
     const FunctionDef* definition;
-    PyObject* state;  // owned
-    PyObject* code;   // compared only, never followed
+    PyObject* owner;  // of the state; a strong reference
+    void* state;
+    PyObject* code;  // compared only, never followed
 };
 static_assert(std::is_standard_layout_v<NativeFunction> && std::is_trivially_destructible_v<NativeFunction>);
 
@@ -23,7 +24,7 @@ NativeFunction& as_native(PyObject* object) {
 
 void deallocate(PyObject* self) {
     PyTypeObject* type = Py_TYPE(self);
-    Py_CLEAR(as_native(self).state);
+    Py_CLEAR(as_native(self).owner);
     type->tp_free(self);
     Py_DECREF(type);
 }
@@ -56,14 +57,19 @@ inline bool are_in_order(const PyCodeObject& code, Py_ssize_t positional, PyObje
 }
 
 /// Runs the implementation. It guards the C stack as the runtime's own native functions do: what a call runs may be
-/// native, too, and call back here without a Python frame in between.
+/// native, too, and call back here without a Python frame in between. Where depth is left, what `Py_EnterRecursiveCall`
+/// and its counterpart do is done here with one look-up of the thread instead of two (measured: 7 % of is_disabled); where
+/// none is, the runtime decides.
 inline PyObject* run(const NativeFunction& native, PyObject* globals, PyObject* const* arguments) {
-    if (Py_EnterRecursiveCall(" while calling a Python object") != 0) {
+    PyThreadState* thread = _PyThreadState_UncheckedGet();
+    if (thread->c_recursion_remaining > 0) {
+        --thread->c_recursion_remaining;
+    } else if (Py_EnterRecursiveCall(" while calling a Python object") != 0) {
         return nullptr;
     }
-    const FunctionContext context{.state = PyCapsule_GetPointer(native.state, nullptr), .globals = globals};
+    const FunctionContext context{.state = native.state, .globals = globals};
     PyObject* result = to_runtime([&] { return native.definition->implementation(context, arguments); });
-    Py_LeaveRecursiveCall();
+    ++thread->c_recursion_remaining;
     return result;
 }
 
@@ -134,7 +140,8 @@ void make_native(PyObject* function, const FunctionDef& definition, PyObject* na
     auto* type = reinterpret_cast<PyTypeObject*>(native_function_type);
     const Ref native = Ref::steal(type->tp_alloc(type, 0));
     as_native(native.get()).definition = &definition;
-    as_native(native.get()).state = Py_NewRef(state);
+    as_native(native.get()).owner = Py_NewRef(state);
+    as_native(native.get()).state = PyCapsule_GetPointer(state, nullptr);
     const Ref code = Ref::borrow(PyFunction_GET_CODE(function));
     const Ref constants = constants_with(reinterpret_cast<PyCodeObject*>(code.get())->co_consts, native.get());
     const Ref keywords = make_tuple(text("co_consts").get());

@@ -47,6 +47,9 @@ inline bool is_at_least(PyObject* left, PyObject* right) {
     if (is_compact(left) && is_compact(right)) {
         return compact_value(left) >= compact_value(right);
     }
+    if (PyFloat_CheckExact(left) && PyFloat_CheckExact(right)) {
+        return PyFloat_AS_DOUBLE(left) >= PyFloat_AS_DOUBLE(right);
+    }
     return compares(left, right, Py_GE);
 }
 

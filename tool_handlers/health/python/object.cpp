@@ -2,24 +2,30 @@
 
 namespace health::py {
 
-Ref get_plain_attribute(PyObject* object, PyObject* name) {
+Ref PlainAttribute::get(PyObject* object, PyObject* name) {
     PyTypeObject* type = Py_TYPE(object);
-    if (type->tp_getattro != PyObject_GenericGetAttr) {
-        return {};
-    }
-    PyObject* descriptor = _PyType_Lookup(type, name);
-    if (descriptor != nullptr && Py_TYPE(descriptor)->tp_descr_get != nullptr &&
-        !Py_IS_TYPE(descriptor, &PyMemberDescr_Type)) {
-        return {};
+    if (version_ == 0 || type->tp_version_tag != version_) {
+        if (!is_plain(type, name)) {
+            return {};
+        }
+        version_ = type->tp_version_tag;
     }
     Py_INCREF(object);  // without a guard: this is on every failed call's path
     PyObject* value = PyObject_GenericGetAttr(object, name);
     Py_DECREF(object);
     if (value == nullptr) {
         PyErr_Clear();
-        return {};
     }
-    return Ref::steal(value);
+    return Ref::steal_optional(value);
+}
+
+bool PlainAttribute::is_plain(PyTypeObject* type, PyObject* name) {
+    if (type->tp_getattro != PyObject_GenericGetAttr) {
+        return false;
+    }
+    PyObject* descriptor = _PyType_Lookup(type, name);  // which also gives the class a version
+    return descriptor == nullptr || Py_TYPE(descriptor)->tp_descr_get == nullptr ||
+           Py_IS_TYPE(descriptor, &PyMemberDescr_Type);
 }
 
 Ref first_item(PyObject* sequence) {

@@ -16,8 +16,17 @@ inline Ref get_attribute(PyObject* object, PyObject* name) {
     return Ref::steal(PyObject_GetAttr(object, name));
 }
 
-/// The attribute if reading it can run no Python code; else empty, with no error set.
-Ref get_plain_attribute(PyObject* object, PyObject* name);
+/// Reads one attribute of objects that are mostly of one class.
+class PlainAttribute {
+public:
+    /// The attribute if reading it can run no Python code; else empty, with no error set.
+    Ref get(PyObject* object, PyObject* name);
+
+private:
+    static bool is_plain(PyTypeObject* type, PyObject* name);
+
+    unsigned int version_ = 0;  // of the class for which the attribute was last found plain; 0 for none
+};
 
 inline Ref get_item(PyObject* container, PyObject* key) {
     return Ref::steal(PyObject_GetItem(container, key));

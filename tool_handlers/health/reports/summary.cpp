@@ -53,10 +53,10 @@ Ref minus(PyObject* number) {
     return Ref::steal(PyNumber_Negative(number));
 }
 
-/// Reads a number that a native key can hold; false for any other.
+/// Reads a number that a native key can hold; false for any other, and for nullptr.
 bool read_plain(PyObject* number, long& value) {
     int overflow = 1;
-    if (PyLong_CheckExact(number)) {
+    if (number != nullptr && PyLong_CheckExact(number)) {
         value = PyLong_AsLongAndOverflow(number, &overflow);
     }
     return overflow == 0;
@@ -74,8 +74,7 @@ Ref average_by_runtime(PyObject* total_ms, PyObject* timed_calls) {
 bool read_plain_average(UsageLine& line, PyObject* total_ms, PyObject* timed_calls) {
     constexpr long exact_in_double = 1L << 53;
     long timed = 0;
-    if (total_ms == nullptr || !PyFloat_CheckExact(total_ms) || timed_calls == nullptr ||
-        !read_plain(timed_calls, timed) || timed <= 0 || timed >= exact_in_double) {
+    if (total_ms == nullptr || !PyFloat_CheckExact(total_ms) || !read_plain(timed_calls, timed) || timed <= 0 || timed >= exact_in_double) {
         return false;
     }
     line.average_ms = py::round_to(PyFloat_AS_DOUBLE(total_ms) / static_cast<double>(timed), average_decimals);
@@ -95,19 +94,20 @@ void put(const Module& module, PyObject* mapping, Name name, PyObject* value) {
 
 /// `key` is of `key_tuple`.
 UsageLine read_line(const Module& module, Ref key, PyObject* record) {
-    const UsageView usage = module.usage(record);
     UsageLine line{.action = member_of(key, key_action),
-              .outcome = member_of(key, key_outcome),
-              .alias_hit = member_of(key, key_alias_hit),
-              .key = {},  // once nothing looks into it any more
-              .boxed_calls = {},
-              .boxed_average = {}};
-    PyObject* calls = usage.peek(UsageFields::calls);
-    if (calls == nullptr || !read_plain(calls, line.calls)) {
-        line.boxed_calls = usage.get(UsageFields::calls);
+                   .outcome = member_of(key, key_outcome),
+                   .alias_hit = member_of(key, key_alias_hit),
+                   .key = {},  // once nothing looks into it any more
+                   .boxed_calls = {},
+                   .boxed_average = {}};
+    PyObject** counts = module.state.usage.layout.values_of(record);
+    if (counts == nullptr || !read_plain(counts[UsageFields::calls], line.calls)) {
+        line.boxed_calls = module.usage(record).get(UsageFields::calls);
+        counts = nullptr;  // which may have run Python code
     }
-    if (!read_plain_average(line, usage.peek(UsageFields::total_ms), usage.peek(UsageFields::timed_calls))) {
-        line.boxed_average = read_average(usage);
+    if (counts == nullptr ||
+        !read_plain_average(line, counts[UsageFields::total_ms], counts[UsageFields::timed_calls])) {
+        line.boxed_average = read_average(module.usage(record));
     }
     line.key = std::move(key);
     return line;
@@ -296,7 +296,7 @@ Order ToolTable::worst_first() const {
         PyObject* errors = state.get_borrowed(ToolStateFields::error_count);
         PyObject* calls = state.get_borrowed(ToolStateFields::call_count);
         ToolKey key{.errors = 0, .calls = 0, .position = keys.size()};
-        if (errors == nullptr || calls == nullptr || !read_plain(errors, key.errors) || !read_plain(calls, key.calls)) {
+        if (!read_plain(errors, key.errors) || !read_plain(calls, key.calls)) {
             break;
         }
         keys.push_back(key);

@@ -1,7 +1,6 @@
 // Recording outcomes, and the disable rule: a tool that fails too many calls in a row is disabled and is tried again
 // after a cooldown.
 #include <algorithm>
-#include <span>
 
 #include "health/host/settings.hpp"
 #include "health/python/numbers.hpp"
@@ -25,40 +24,44 @@ constexpr Py_ssize_t longest_error = 500;  // characters of an error's text that
 
 /// What an outcome is recorded with in an elided section.
 struct Prepared {
-    PyObject* record = nullptr;  // borrowed, and good until Python code may run; nullptr where the lock is to be taken
-    Ref now;                     // epoch seconds if the clock was read already, which serves either way
+    PyObject** values = nullptr;  // of the tool's record, good until Python code may run; nullptr where the lock is to be taken
+    Ref now;                      // epoch seconds if the clock was read already, which serves either way
 };
 
-/// The record of a tool, if it is known without running Python code. Borrowed.
-PyObject* find_known(const Module& module, const TrackerView& tracker, PyObject* tool_name) {
-    PyObject* states = tracker.get_borrowed(TrackerFields::state);
-    return PyUnicode_CheckExact(tool_name) ? module.state.lookups.find<1>(states, {tool_name}) : nullptr;
+/// The values of a plain tracker's fields if nobody holds its lock; else nullptr. Good until Python code may run.
+inline PyObject** fields_if_free(const Module& module, const TrackerView& tracker) {
+    PyObject** fields = module.state.tracker.layout.values_of(tracker.object());
+    return fields != nullptr && module.state.locks.is_free(fields[TrackerFields::lock]) ? fields : nullptr;
 }
 
-/// Whether every field of a record has a value, and its counts are plain ints.
-bool has_plain_counts(const Module& module, PyObject* record) {
-    PyObject** values = module.state.tool_state.layout.values_of(record);
-    if (values == nullptr) {
-        return false;
-    }
+/// The record of a tool, if it is known without running Python code; else nullptr. Borrowed.
+inline PyObject* find_known(const Module& module, PyObject** fields, PyObject* tool_name) {
+    return PyUnicode_CheckExact(tool_name) ? module.state.lookups.find<1>(fields[TrackerFields::state], {tool_name})
+                                           : nullptr;
+}
+
+/// Whether there is a value in every field of a record, and its counts are plain ints. `values` may be nullptr.
+inline bool are_plain(PyObject** values) {
     const auto is_there = [](PyObject* value) { return value != nullptr; };
-    return std::ranges::all_of(std::span(values, ToolStateFields::names.size()), is_there) &&
+    return values != nullptr && std::all_of(values, values + ToolStateFields::names.size(), is_there) &&
            PyLong_CheckExact(values[call_count]) && PyLong_CheckExact(values[error_count]) &&
            PyLong_CheckExact(values[consecutive_errors]);
 }
 
-/// The clock is read first, while the lock is free: what it does is its own matter, and the rest is read afterwards. The
-/// tool must be known, and dirty already.
-Prepared prepare(const Module& module, const TrackerView& tracker, PyObject* tool_name) {
+/// The clock is read first: what it does is its own matter, and everything else is read afterwards. The tool must be known,
+/// and dirty already.
+inline Prepared prepare(const Module& module, const TrackerView& tracker, PyObject* tool_name) {
     Prepared prepared;
-    if (!is_lock_free(module, tracker)) {
+    prepared.now = module.state.clock.read_natively(module.state.names, module.globals);
+    PyObject** fields = fields_if_free(module, tracker);
+    if (fields == nullptr) {
+        prepared.now = Ref();  // there may be a wait for the lock
         return prepared;
     }
-    prepared.now = module.state.clock.read_natively(module.state.names, module.globals);
-    PyObject* record = find_known(module, tracker, tool_name);
-    if (prepared.now && record != nullptr && has_plain_counts(module, record) &&
-        py::is_seen_in(tracker.get_borrowed(TrackerFields::dirty), tool_name)) {
-        prepared.record = record;
+    PyObject* record = find_known(module, fields, tool_name);
+    PyObject** values = record == nullptr ? nullptr : module.state.tool_state.layout.values_of(record);
+    if (prepared.now && are_plain(values) && py::is_seen_in(fields[TrackerFields::dirty], tool_name)) {
+        prepared.values = values;
     }
     return prepared;
 }
@@ -97,34 +100,46 @@ Ref shorten(PyObject* error) {
 
 /// The answer about a tool that is known and enabled, by far the most frequent one; empty where it takes more.
 Ref answer_enabled(const Module& module, const TrackerView& tracker, PyObject* tool_name) {
-    PyObject* record = find_known(module, tracker, tool_name);
-    const bool is_enabled = record != nullptr && module.tool_state(record).get_borrowed(disabled_at) == Py_None &&
-                            is_lock_free(module, tracker);
+    PyObject** fields = fields_if_free(module, tracker);
+    PyObject* record = fields == nullptr ? nullptr : find_known(module, fields, tool_name);
+    const bool is_enabled = record != nullptr && module.tool_state(record).get_borrowed(disabled_at) == Py_None;
     return is_enabled ? Ref::borrow(module.state.enabled_answer.get()) : Ref();
 }
 
-/// The answer about a tool that is known and disabled, in an elided section, where the class still has its `cooldown_s`
-/// and all numbers are plain. Empty where it takes more, or the cooldown is over. Reads the clock into `now`.
+/// The values of a plain record of a tool that is known and disabled, if nobody holds the lock and the class still has its
+/// `cooldown_s`; else nullptr.
+PyObject** find_disabled(const Module& module, const TrackerView& tracker, PyObject* tool_name) {
+    PyObject** fields = fields_if_free(module, tracker);
+    PyObject* record = fields == nullptr ? nullptr : find_known(module, fields, tool_name);
+    PyObject** values = record == nullptr ? nullptr : module.state.tool_state.layout.values_of(record);
+    const bool is_plain = are_plain(values) && PyFloat_CheckExact(values[disabled_at]);
+    return is_plain && module.state.tracker.layout.is_pristine() ? values : nullptr;
+}
+
+/// Whether `seconds` are less than a plain number; false where that takes more than comparing doubles.
+bool is_less(double seconds, PyObject* number) {
+    if (py::is_compact(number)) {
+        return seconds < static_cast<double>(py::compact_value(number));
+    }
+    return PyFloat_CheckExact(number) && seconds < PyFloat_AS_DOUBLE(number);
+}
+
+/// The answer about such a tool, in an elided section; empty where it takes more, or the cooldown is over. Where the clock
+/// was read, `now` has it.
 Ref answer_disabled(const Module& module, const TrackerView& tracker, PyObject* tool_name, Ref& now) {
-    PyObject* record = find_known(module, tracker, tool_name);
-    if (record == nullptr || !module.state.tracker.layout.is_pristine() || !is_lock_free(module, tracker)) {
+    if (find_disabled(module, tracker, tool_name) == nullptr) {
         return {};
     }
     now = module.state.clock.read_natively(module.state.names, module.globals);
-    record = find_known(module, tracker, tool_name);
+    PyObject** values = find_disabled(module, tracker, tool_name);  // again: what the clock does is its own matter
+    if (values == nullptr || !now || !PyFloat_CheckExact(now.get())) {
+        return {};
+    }
     const Ref cooldown =
-        plain_setting(module, tracker.get_borrowed(TrackerFields::limits), Name::disable_cooldown_s);
-    if (!now || !PyFloat_CheckExact(now.get()) || !cooldown || record == nullptr || !is_lock_free(module, tracker) ||
-        !module.state.tracker.layout.is_pristine()) {
-        return {};
-    }
-    PyObject* since = module.tool_state(record).get_borrowed(disabled_at);
-    PyObject* error = module.tool_state(record).get_borrowed(last_error);
-    if (since == nullptr || !PyFloat_CheckExact(since) || error == nullptr) {
-        return {};
-    }
-    const Ref elapsed = Ref::steal(PyFloat_FromDouble(PyFloat_AS_DOUBLE(now.get()) - PyFloat_AS_DOUBLE(since)));
-    return py::is_at_least(elapsed.get(), cooldown.get()) ? Ref() : py::make_tuple(Py_True, error);
+        plain_setting(tracker.get_borrowed(TrackerFields::limits), module.state.disable_cooldown_s,
+                      module[Name::disable_cooldown_s]);
+    const double elapsed = PyFloat_AS_DOUBLE(now.get()) - PyFloat_AS_DOUBLE(values[disabled_at]);
+    return cooldown && is_less(elapsed, cooldown.get()) ? py::make_tuple(Py_True, values[last_error]) : Ref();
 }
 
 /// Whether the cooldown of a tool disabled at `since` is over. The lock is held.
@@ -140,8 +155,8 @@ Ref record_success(const Module& module, PyObject* self, PyObject* tool_name) {
     const TrackerView tracker = module.tracker(self);
     StateEdit edit(module.state.tool_state);
     Prepared prepared = prepare(module, tracker, tool_name);
-    return in_section(module, tracker, prepared.record != nullptr, [&](bool is_elided) {
-        is_elided ? edit.begin_elided(prepared.record) : begin(edit, module, tracker, tool_name);
+    return in_section(module, tracker, prepared.values != nullptr, [&](auto is_elided) {
+        is_elided ? edit.begin_elided(prepared.values) : begin(edit, module, tracker, tool_name);
         edit.apply([&] {
             edit.increment(call_count);
             edit.set(consecutive_errors, py::integer(0));
@@ -159,23 +174,26 @@ Ref record_error(const Module& module, PyObject* self, PyObject* tool_name, PyOb
     const TrackerView tracker = module.tracker(self);
     StateEdit edit(module.state.tool_state);
     Prepared prepared = prepare(module, tracker, tool_name);
-    PyObject* limits = tracker.get_borrowed(TrackerFields::limits);
+    Ref threshold;
+    if (prepared.values != nullptr) {
+        threshold = plain_setting(tracker.get_borrowed(TrackerFields::limits), module.state.disable_after_errors,
+                                  module[Name::disable_after_errors]);
+    }
     const bool is_plain_error = PyUnicode_CheckExact(error) || error == Py_None;
-    Ref threshold = prepared.record != nullptr ? plain_setting(module, limits, Name::disable_after_errors) : Ref();
-    return in_section(module, tracker, threshold && is_plain_error, [&](bool is_elided) {
-        is_elided ? edit.begin_elided(prepared.record) : begin(edit, module, tracker, tool_name);
+    return in_section(module, tracker, threshold && is_plain_error, [&](auto is_elided) {
+        is_elided ? edit.begin_elided(prepared.values) : begin(edit, module, tracker, tool_name);
         edit.apply([&] {
             edit.increment(call_count);
             edit.increment(error_count);
             edit.increment(consecutive_errors);
             edit.set(last_error, shorten(error));
             edit.set(updated_at, now_of(module, prepared));
-            const Ref run = edit.get(consecutive_errors);
+            const auto run = edit.get(consecutive_errors);
             if (!is_elided) {
                 threshold = disable_after_errors(module, tracker.get(TrackerFields::limits).get());
             }
             if (py::is_at_least(run.get(), threshold.get())) {
-                edit.set(disabled_at, edit.get(updated_at));
+                edit.set(disabled_at, Ref::borrow(edit.get(updated_at).get()));
             }
             if (!is_elided) {
                 mark_dirty(module, tracker, tool_name);

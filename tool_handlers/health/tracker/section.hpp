@@ -3,6 +3,7 @@
 
 #include <Python.h>
 
+#include <type_traits>
 #include <utility>
 
 #include "health/host/module_state.hpp"
@@ -15,20 +16,15 @@ py::Ref in_section(const Module& module, const TrackerView& tracker, Body&& body
     return py::with_lock(module.state.locks, tracker.get(TrackerFields::lock).get(), std::forward<Body>(body));
 }
 
-/// Whether a section of the lock may be elided. Runs no Python code.
-inline bool is_lock_free(const Module& module, const TrackerView& tracker) {
-    return module.state.locks.is_free(tracker.get_borrowed(TrackerFields::lock));
-}
-
-/// `body(true)` as an elided section where it may be and the lock is free; else `body(false)` in one that takes the lock,
-/// and what was read before must be read again. `may_elide`: the section runs no Python code, and none ran since what it
-/// works with was read.
+/// `body(std::true_type())` as an elided section, or `body(std::false_type())` in one that takes the lock, before which
+/// whatever was read must be read again. `may_elide`: the section runs no Python code, the lock was found free, and no
+/// Python code ran since. (Two types, so that each call is compiled for its own case. Measured: 3 % of record_call.)
 template <class Body>
 py::Ref in_section(const Module& module, const TrackerView& tracker, bool may_elide, Body&& body) {
-    if (may_elide && is_lock_free(module, tracker)) {
-        return body(true);
+    if (may_elide) {
+        return body(std::true_type());
     }
-    return in_section(module, tracker, [&] { return body(false); });
+    return in_section(module, tracker, [&] { return body(std::false_type()); });
 }
 
 }  // namespace health

@@ -20,15 +20,24 @@ bool is_plain_sum(PyObject* total, PyObject* amount) {
     return total != nullptr && py::is_plain_number(total) && (amount == Py_None || py::is_plain_number(amount));
 }
 
-/// The record of a usage key if a call can be counted under it in an elided section, else nullptr. Borrowed, and good
-/// until Python code may run.
-PyObject* find_plain(const Module& module, const TrackerView& tracker, const UsageKey& key, PyObject* duration_ms) {
-    PyObject* record = module.state.lookups.find(tracker.get_borrowed(TrackerFields::usage), key);
-    PyObject** values = record == nullptr ? nullptr : module.state.usage.layout.values_of(record);
-    const bool is_plain = values != nullptr && is_plain_sum(values[calls], Py_None) &&
-                          is_plain_sum(values[timed_calls], Py_None) && is_plain_sum(values[total_ms], duration_ms) &&
-                          tracker.get_borrowed(TrackerFields::usage_dirty) != nullptr;
-    return is_plain ? record : nullptr;
+/// What a call is counted with in an elided section. Good until Python code may run.
+struct Prepared {
+    PyObject** counts = nullptr;  // the values of the key's record; nullptr where the lock is to be taken
+    bool is_marked = false;       // whether the counts are known to have changed
+};
+
+/// The lock must be free, the key known, and its counts plain.
+Prepared prepare(const Module& module, const TrackerView& tracker, const UsageKey& key, PyObject* duration_ms) {
+    PyObject** fields = module.state.tracker.layout.values_of(tracker.object());
+    if (fields == nullptr || fields[TrackerFields::usage_dirty] == nullptr ||
+        !module.state.locks.is_free(fields[TrackerFields::lock])) {
+        return {};
+    }
+    PyObject* record = module.state.lookups.find(fields[TrackerFields::usage], key);
+    PyObject** counts = record == nullptr ? nullptr : module.state.usage.layout.values_of(record);
+    const bool is_plain = counts != nullptr && is_plain_sum(counts[calls], Py_None) &&
+                          is_plain_sum(counts[timed_calls], Py_None) && is_plain_sum(counts[total_ms], duration_ms);
+    return {.counts = is_plain ? counts : nullptr, .is_marked = fields[TrackerFields::usage_dirty] == Py_True};
 }
 
 /// Begins an edit of the key's record, or of a new one. The lock is held.
@@ -46,8 +55,7 @@ void begin(Edit<UsageFields>& edit, const Module& module, const TrackerView& tra
 
 /// `tracker._usage_dirty = True`, but where it says more already. The value it replaced.
 Ref mark_usage_dirty(const TrackerView& tracker) {
-    const bool is_said = tracker.get_borrowed(TrackerFields::usage_dirty) == Py_True || is_everything_dirty(tracker);
-    return is_said ? Ref() : tracker.exchange(TrackerFields::usage_dirty, py::boolean(true));
+    return is_everything_dirty(tracker) ? Ref() : tracker.exchange(TrackerFields::usage_dirty, py::boolean(true));
 }
 
 }  // namespace
@@ -58,10 +66,10 @@ Ref record_call(const Module& module, PyObject* self, PyObject* tool_name, PyObj
     const UsageKey parts{tool_name, action, outcome, alias_hit};
     Ref key;  // made only where the record is not known
     Edit<UsageFields> edit(module.state.usage);
-    PyObject* known = find_plain(module, tracker, parts, duration_ms);
-    return in_section(module, tracker, known != nullptr, [&](bool is_elided) {
+    const Prepared prepared = prepare(module, tracker, parts, duration_ms);
+    return in_section(module, tracker, prepared.counts != nullptr, [&](auto is_elided) {
         if (is_elided) {
-            edit.begin_elided(known);
+            edit.begin_elided(prepared.counts);
         } else {
             key = py::make_tuple(tool_name, action, outcome, alias_hit);
             begin(edit, module, tracker, parts, key.get());
@@ -72,7 +80,9 @@ Ref record_call(const Module& module, PyObject* self, PyObject* tool_name, PyObj
                 edit.increment(timed_calls);
                 edit.set(total_ms, py::add(edit.get(total_ms).get(), duration_ms));
             }
-            edit.retire(mark_usage_dirty(tracker));
+            if (!is_elided || !prepared.is_marked) {
+                edit.retire(mark_usage_dirty(tracker));
+            }
         });
         return py::none();
     });
