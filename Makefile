@@ -55,7 +55,7 @@ coverage: ## run the tests and show which native lines and branches they execute
 	@scripts/bootstrap
 	@scripts/build coverage
 	@find build/coverage -name '*.gcda' -delete
-	@ctest --preset coverage
+	@ctest --preset coverage >&2
 	@build/coverage/python scripts/coverage build/coverage tool_handlers/health
 
 .PHONY: lint
