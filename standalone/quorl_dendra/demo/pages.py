@@ -41,7 +41,7 @@ class PageServer:
             target=self._server.serve_forever, args=(0.02,), name="page-server"
         )
         self._thread.start()
-        socket.create_connection(self._server.server_address).close()
+        socket.create_connection(("127.0.0.1", self._port)).close()
 
     def stop(self) -> None:
         """Close the port after the request being answered. Stopping again does nothing."""
