@@ -22,7 +22,9 @@ DOCUMENTS = {
 }
 # Not run: what builds or tests the whole tree (that it exists is checked), and what another test runs.
 DRY = {"make": "make -n", "ctest": "ctest -N", "scripts/build": "test -x scripts/build #", "pip install": "#"}
-NEW_DAEMON = "rm -rf daemon; cp -r --no-preserve=mode standalone/. daemon"  # the sources may be write-protected
+# The interpreter of an installation: python3.12 stands for it here (see setUp).
+DRY[r'PYTHONPATH=build/daemon "\$\(scripts/find-python\)"'] = "PYTHONPATH=build/daemon python3.12"
+NEW_DAEMON = "rm -rf build/daemon; cp -r --no-preserve=mode standalone/. build/daemon"  # the sources may be write-protected
 PRELOAD = os.environ.get("LD_PRELOAD", "")  # a sanitizer build needs the machine's C++ library
 # The quoted errors come from commands that spoil a daemon, or from statements in the place of `...` in a program.
 SPOILERS = (
@@ -31,8 +33,8 @@ SPOILERS = (
     "cp build/release/bench/*.so $extension",
     "sed -i s/GLIBC_2/GLIBC_9/ $extension",
     "sed -i s/thread_census_report/xxxxxxxxxxxxxxxxxxxx/ $extension",
-    "sed -i s/is_slow_call/is_slow/ daemon/quorl_dendra/tool_schemas.py",
-    "rm daemon/quorl_dendra/config.py",
+    "sed -i s/is_slow_call/is_slow/ build/daemon/quorl_dendra/tool_schemas.py",
+    "rm build/daemon/quorl_dendra/config.py",
 )
 MISTAKES = (
     "del Database.fetchall",
@@ -104,9 +106,9 @@ class Documents(unittest.TestCase):
         def files() -> dict[Path, bytes]:
             return {path.relative_to(daemon): path.read_bytes() for path in daemon.rglob("*") if path.is_file()}
 
-        daemon = self.top / "daemon"
+        daemon = self.top / "build/daemon"
         before = files()
-        self.run_there("cmake --install build/release --prefix daemon")
+        self.run_there("cmake --install build/release --prefix build/daemon")
         after = files()
         folder = Path("quorl_dendra/tool_handlers")
         self.assertEqual(after.keys() - before.keys(), {folder / Path(health.__file__).name, folder / "health.pyi"})
@@ -147,11 +149,11 @@ class Documents(unittest.TestCase):
         self.assertEqual(json.dumps(health.thread_census_report(10, census)), json.dumps(told[2]))
 
     def test_quoted_errors(self) -> None:
-        extension = f"daemon/quorl_dendra/tool_handlers/{Path(health.__file__).name}"
-        begin = f"{NEW_DAEMON}; cmake --install build/release --prefix daemon; extension={extension}"
+        extension = f"build/daemon/quorl_dendra/tool_handlers/{Path(health.__file__).name}"
+        begin = f"{NEW_DAEMON}; cmake --install build/release --prefix build/daemon; extension={extension}"
         for spoiler, statement in [*((spoiler, "") for spoiler in SPOILERS), *((":", mistake) for mistake in MISTAKES)]:
             with self.subTest(spoiler, statement=statement):
                 (self.top / "program.py").write_text(PROGRAM.replace("...", statement))
-                done = self.run_there(f"{begin}; {spoiler}; PYTHONPATH=daemon python3.12 program.py || true")
+                done = self.run_there(f"{begin}; {spoiler}; PYTHONPATH=build/daemon python3.12 program.py || true")
                 text = re.sub(r"[^\s'(]*/[^\s'):]+", "…", done.stderr.splitlines()[-1])
                 self.assertIn(re.sub(r"GLIBC_[\d.]+", "GLIBC_2.32", text), DOCUMENTS["README.md"])
