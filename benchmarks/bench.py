@@ -25,7 +25,7 @@ from rows import FULL, KEYS_PER_TOOL, QUICK, SCALING_KEYS, TOOLS, Bench
 
 TABLE = "{:<49} {:>9} {:>9} {:>7} {:>8} {:>8}"
 LEGEND = f"""
-ratio: baseline / module, in the median round, whose times these are; floor: an empty native call
+ratio: baseline / module of the median round, whose times are shown; floor: an empty native call
 {TOOLS} x {KEYS_PER_TOOL}: {TOOLS} tools with {KEYS_PER_TOOL} usage keys each
 beside work: while another thread flushes and summarises {TOOLS} x {KEYS_PER_TOOL} in a loop
 baseline grouped: the summary's usage rows made in one pass in Python too"""

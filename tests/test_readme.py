@@ -22,8 +22,7 @@ DOCUMENTS = {
 }
 # Not run: what builds or tests the whole tree (that it exists is checked), and what another test runs.
 DRY = {"make": "make -n", "ctest": "ctest -N", "scripts/build": "test -x scripts/build #", "pip install": "#"}
-# The interpreter of an installation: python3.12 stands for it here (see setUp).
-DRY[r'PYTHONPATH=build/daemon "\$\(scripts/find-python\)"'] = "PYTHONPATH=build/daemon python3.12"
+DRY['(.*)"[$].scripts/find-python."'] = r"\1python3.12"  # which loads what a sanitizer build needs
 NEW_DAEMON = "rm -rf build/daemon; cp -r --no-preserve=mode standalone/. build/daemon"  # the sources may be write-protected
 PRELOAD = os.environ.get("LD_PRELOAD", "")  # a sanitizer build needs the machine's C++ library
 # The quoted errors come from commands that spoil a daemon, or from statements in the place of `...` in a program.
@@ -79,7 +78,7 @@ class Documents(unittest.TestCase):
         for preset in ("release", "debug"):
             (self.top / "build" / preset).symlink_to(BUILD)
         python = self.top / "bin/python3.12"
-        python.write_text(f'#!/bin/sh\nLD_PRELOAD={PRELOAD} exec {sys.executable} "$@"\n')
+        python.write_text(f'#!/bin/sh\nLD_PRELOAD={PRELOAD} exec "$PYTHON" "$@"\n')
         python.chmod(0o755)
         unwanted = ("LD_PRELOAD", "MAKEFLAGS", "MFLAGS", "MAKELEVEL", "PYTHONPATH")
         self.variables = {name: value for name, value in os.environ.items() if name not in unwanted}
