@@ -50,12 +50,18 @@ plot: ## draw docs/summary-scaling.svg from the numbers of the last `make bench`
 	@test -f build/bench.json || $(MAKE) bench
 	@$$(scripts/find-python) benchmarks/plot.py build/bench.json docs/summary-scaling.svg
 
+.PHONY: clang
+clang: ## build with clang++, where it is installed, and use every public operation once
+	@scripts/bootstrap
+	@if type -P clang++ >/dev/null; then scripts/build clang && ctest --preset clang -R test_stub; \
+	else echo "clang: clang++ is not installed, so nothing was built"; fi
+
 .PHONY: coverage
 coverage: ## run the tests and show which native lines and branches they execute
 	@scripts/bootstrap
 	@scripts/build coverage
 	@find build/coverage -name '*.gcda' -delete
-	@ctest --preset coverage
+	@ctest --preset coverage >&2
 	@build/coverage/python scripts/coverage build/coverage tool_handlers/health
 
 .PHONY: lint

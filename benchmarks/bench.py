@@ -1,6 +1,6 @@
 """Measure the module against the same module in plain Python, and print a table.
 
-Both run in one process and one run, in turn; the ratio is the median of the round-by-round ratios.
+Both run in one process and one run, in turn. A row shows one round, whose ratio is the median.
 The floor of an operation is an empty native function of the module's own kind, called with the same
 arguments, and time.time() where the operation reads the clock. The column is empty where there is
 no such function or none is built.
@@ -10,6 +10,7 @@ from __future__ import annotations
 
 import argparse
 import json
+import os
 import platform
 import sys
 import time
@@ -24,6 +25,7 @@ from rows import FULL, KEYS_PER_TOOL, QUICK, SCALING_KEYS, TOOLS, Bench
 
 TABLE = "{:<49} {:>9} {:>9} {:>7} {:>8} {:>8}"
 LEGEND = f"""
+ratio: baseline / module of the median round, whose times are shown; floor: an empty native call
 {TOOLS} x {KEYS_PER_TOOL}: {TOOLS} tools with {KEYS_PER_TOOL} usage keys each
 beside work: while another thread flushes and summarises {TOOLS} x {KEYS_PER_TOOL} in a loop
 baseline grouped: the summary's usage rows made in one pass in Python too"""
@@ -69,7 +71,9 @@ def _machine() -> dict[str, Any]:
         lines = []
     models = [line.partition(":")[2].strip() for line in lines if line.startswith("model name")]
     return {
+        "compiler": os.environ.get("HEALTH_COMPILER", "unknown compiler"),
         "python": platform.python_version(),
+        "system": f"{platform.system()} {platform.machine()}",
         "cpu": models[0] if models else platform.machine(),
         "cpus": len(models),
         "date": time.strftime("%Y-%m-%d"),
@@ -99,7 +103,9 @@ def main() -> None:
     bench = Bench(plan, baseline if options.self else host.extension())
     machine = _machine()
     if show:
-        print(f"Python {machine['python']}, {machine['cpus']} x {machine['cpu']}\n")
+        built = "plain Python" if options.self else f"built by {machine['compiler']}"
+        print(f"The module ({built}) against plain Python (baseline); CPython {machine['python']}, "
+              f"{machine['system']}, {machine['cpus']} x {machine['cpu']}\n")  # fmt: skip
         print(TABLE.format("", "baseline", "module", "ratio", "floor", "x floor"))
     rows: list[dict[str, Any]] = []
     for row in bench.rows():

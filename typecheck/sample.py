@@ -12,6 +12,7 @@ from quorl_dendra.config import ToolsConfig
 from quorl_dendra.tool_handlers import health
 from quorl_dendra.tool_handlers.health import ToolHealthTracker
 from quorl_dendra.utils.process import ThreadCensus
+from quorl_dendra.utils.timing import TimingCollector
 
 if TYPE_CHECKING:
     from quorl_dendra.tool_handlers.health import (
@@ -112,6 +113,19 @@ def warning_of(report: "ThreadCensusReport") -> str | None:
     return report.get("warning")
 
 
+def never_slow(tool: str, action: str | None) -> bool:
+    return False
+
+
+def replace_names() -> None:
+    """As a test does: the module looks these up at each use."""
+    health.TOOLS = {}
+    health.is_slow_call = never_slow
+    health.thread_census = lambda: ThreadCensus(None, 1, {})
+    health.get_timing_collector = TimingCollector
+    health.logger = health.logging.getLogger("other")
+
+
 def main() -> None:
     database: Database = OwnDatabase()
     repositories: list[Repository] = [FrozenRepository(OwnDatabase()), LazyRepository(OwnDatabase())]
@@ -126,6 +140,7 @@ def main() -> None:
     print(slowest(report["tools"]))
     print(warning_of(health.thread_census_report(1000)))
     print(warning_of(health.thread_census_report(budget=4, census=ThreadCensus(None, 5, {"worker": 5}))))
+    replace_names()
     health.logger.info("done: %r", database)
     for done in (database, own.db, *(repository.db for repository in repositories)):
         assert isinstance(done, OwnDatabase)

@@ -6,19 +6,34 @@ cooldown, and counts what each call ran and how it ended, for ``status perf_stat
 allow, for the ``status`` answers.
 """
 
-import logging
-import threading
+import json as json
+import logging as logging
+import threading as threading
+import time as time
 from collections.abc import Iterable, Sequence
-from dataclasses import dataclass
-from typing import Any, Final, NotRequired, Protocol, TypeAlias, TypedDict, type_check_only
+from dataclasses import dataclass as dataclass
+from datetime import datetime as datetime, timezone as timezone
+from typing import (
+    TYPE_CHECKING as TYPE_CHECKING,
+    Any as Any,
+    NotRequired,
+    Protocol,
+    TypeAlias,
+    TypedDict,
+    type_check_only,
+)
 
-from quorl_dendra.config import ToolsConfig
-from quorl_dendra.utils.process import ThreadCensus
+from quorl_dendra.config import ToolsConfig as ToolsConfig
+from quorl_dendra.tool_registry import TOOLS as TOOLS
+from quorl_dendra.tool_schemas import is_slow_call as is_slow_call
+from quorl_dendra.utils.process import ThreadCensus as ThreadCensus, thread_census as thread_census
+from quorl_dendra.utils.timing import get_timing_collector as get_timing_collector
 
-logger: Final[logging.Logger]
-_SQLITE_TIMESTAMP: Final = "%Y-%m-%d %H:%M:%S"
-_TOOL_HEALTH_COLUMNS: Final = "tool_name, call_count, error_count, last_error, disabled_at, updated_at"
-TOOL_USAGE_KEY: Final = "tool_usage"
+# The module reads its names at each use, so a test may replace any of them.
+logger: logging.Logger
+_SQLITE_TIMESTAMP: str = "%Y-%m-%d %H:%M:%S"
+_TOOL_HEALTH_COLUMNS: str = "tool_name, call_count, error_count, last_error, disabled_at, updated_at"
+TOOL_USAGE_KEY: str = "tool_usage"
 _UsageKey: TypeAlias = tuple[str, str | None, str, bool]
 
 # For type checkers only: import these under `if TYPE_CHECKING:`, the module does not have them when it runs.

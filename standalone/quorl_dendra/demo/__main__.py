@@ -66,9 +66,12 @@ def _parse() -> argparse.Namespace:
         description="Show the tool health module at work in a stand-in for the daemon.",
     )
     option = parser.add_argument
-    option("root", nargs="?", type=Path, default=Path(), help="tree the tools read (default: .)")
-    option("--db", type=Path, default=_DEFAULT_DATABASE, help="its history (default: %(default)s)")
-    option("--threads", type=_number(1, 64), default=4, metavar="N", help="workers (default: 4)")
+    option("root", nargs="?", type=Path, default=Path(),
+           help="directory that the tools read (default: .)")  # fmt: skip
+    option("--db", type=Path, default=_DEFAULT_DATABASE, metavar="FILE",
+           help="the tracker's history (default: %(default)s)")  # fmt: skip
+    option("--threads", type=_number(1, 64), default=4, metavar="N",
+           help="worker threads (default: 4)")  # fmt: skip
     option("--calls", type=_number(1, 10**6), default=120, metavar="N",
            help="tool calls of the first part (default: 120)")  # fmt: skip
     option("--json", action="store_true", help="print the reports alone, as JSON")

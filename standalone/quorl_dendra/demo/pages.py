@@ -1,5 +1,6 @@
 """The web server that ``fetch`` gets its page from; it can go away and come back."""
 
+import socket
 import threading
 from http.server import BaseHTTPRequestHandler
 from socketserver import TCPServer
@@ -21,7 +22,7 @@ class _Server(TCPServer):
 
 
 class PageServer:
-    """Serves on the loopback interface, always at the same port; a context manager."""
+    """Serves on the loopback interface, always at the same port."""
 
     def __init__(self) -> None:
         self._port = 0  # the first start finds a free one
@@ -33,13 +34,14 @@ class PageServer:
         return f"http://127.0.0.1:{self._port}/"
 
     def start(self) -> None:
-        """Serve from a thread; OSError when the port cannot be had."""
+        """Serve from a thread; OSError when the port cannot be had or reached."""
         self._server = _Server(("127.0.0.1", self._port), _Page)
         self._port = self._server.server_address[1]
         self._thread = threading.Thread(
             target=self._server.serve_forever, args=(0.02,), name="page-server"
         )
         self._thread.start()
+        socket.create_connection(("127.0.0.1", self._port)).close()
 
     def stop(self) -> None:
         """Close the port after the request being answered. Stopping again does nothing."""
@@ -48,9 +50,3 @@ class PageServer:
             self._thread.join()
             self._server.server_close()
             self._server = None
-
-    def __enter__(self) -> None:
-        self.start()
-
-    def __exit__(self, *_: object) -> None:
-        self.stop()

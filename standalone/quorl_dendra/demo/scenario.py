@@ -15,7 +15,11 @@ from quorl_dendra.daemon import Daemon, ToolCall
 from quorl_dendra.demo.console import BOLD, DIM, GREEN, RED, Console, printable
 from quorl_dendra.demo.pages import PageServer
 from quorl_dendra.repository import Repository
-from quorl_dendra.tool_handlers.health import ToolHealthTracker
+from quorl_dendra.tool_handlers.health import (
+    ToolHealthTracker,
+    handle_get_tool_performance_stats,
+    thread_census_report,
+)
 from quorl_dendra.tool_pipeline import Outcome
 
 _LIMITS = ToolsConfig(disable_after_errors=3, disable_cooldown_s=2.0)
@@ -39,13 +43,15 @@ class Story:
         self._thread_budget = threads + _OTHER_THREADS + _SPARE_THREADS
         self._page = PageServer()
         self._calls_made = 0
+        self._calls_refused = 0
 
     def run(self, calls: int) -> dict[str, Any]:
         """Tell it all, with so many calls in the first part; the reports at its end.
 
-        Blocks some seconds. Raises StoryError, sqlite3.Error for an unusable database, OSError.
+        Blocks some seconds. Raises StoryError, or sqlite3.Error for an unusable database.
         """
-        with self._page:
+        try:
+            self._serve_page()
             with self._daemon() as daemon:
                 self._work_in_threads(daemon, calls)
                 self._fail_and_recover(daemon)
@@ -55,15 +61,18 @@ class Story:
             with self._daemon() as daemon:
                 self._compare_and_go_on(daemon, kept)
                 return self._reports(daemon)
+        finally:
+            self._page.stop()
 
     def moral(self) -> str:
         """What the reader has seen, in a sentence."""
         return (
             f"You have seen {self._crew} make {self._calls_made} real tool calls, each one "
-            f"counted; fetch fail {_LIMITS.disable_after_errors} times in a row, be refused "
-            "with its last error, and recover after its cooldown; and a new tracker find every "
-            f"count again in {printable(self._database)}. Run this again, and the counts go on "
-            "from there."
+            f"counted: {self._calls_made - self._calls_refused} ran, {self._calls_refused} were "
+            f"refused. You have seen fetch fail {_LIMITS.disable_after_errors} times in a row, be "
+            "refused with its last error, and recover after its cooldown; and a new tracker find "
+            f"every count again in {printable(self._database)}. Run this again, and the counts go "
+            "on from there."
         )
 
     def _work_in_threads(self, daemon: Daemon, calls: int) -> None:
@@ -89,7 +98,7 @@ class Story:
             tell(f"fetch fails, {run} in a row: {self._fetch(daemon, Outcome.ERROR)}", RED)
         cooldown_over = time.time() + _LIMITS.disable_cooldown_s
         tell(f"fetch is refused, last error: {self._fetch(daemon, Outcome.DISABLED)}", RED)
-        self._page.start()
+        self._serve_page()
         self._fetch(daemon, Outcome.DISABLED)
         tell(f"the server is back; fetch waits for its {_LIMITS.disable_cooldown_s} s of cooldown")
         self._make_calls(daemon, 8 * self._threads)
@@ -106,13 +115,13 @@ class Story:
         self._make_calls(daemon, 4 * self._threads, fetch=True)
 
     def _reports(self, daemon: Daemon) -> dict[str, Any]:
-        """The reports, as an agent gets them from the tools, and the tracker's own time."""
-        threads = daemon.call("status", {"action": "threads"}).value
+        """The reports and the tracker's own time; not by tool calls, which would count in them."""
+        threads = thread_census_report(self._thread_budget)
         with _idle_threads(self._thread_budget):
-            threads_over_budget = daemon.call("status", {"action": "threads"}).value
+            threads_over_budget = thread_census_report(self._thread_budget)
         return {
-            "health_summary": daemon.call("status", {"action": "perf_stats"}).value,
-            "performance": daemon.call("get_tool_performance_stats", {}).value,
+            "health_summary": daemon.tracker.get_health_summary(),
+            "performance": handle_get_tool_performance_stats(),
             "threads": threads,
             "threads_over_budget": threads_over_budget,
             "tracker_us_per_call": round(_tracker_us_per_call(), 3),
@@ -155,10 +164,18 @@ class Story:
         ended = ", ".join(f"{times} {outcome}" for outcome, times in outcomes.items())
         self._console.tell(f"{self._crew} made {number} tool calls: {ended}")
 
+    def _serve_page(self) -> None:
+        try:
+            self._page.start()
+        except OSError as error:
+            message = f"the loopback interface (127.0.0.1) cannot serve a page: {error}"
+            raise StoryError(message) from error
+
     def _fetch(self, daemon: Daemon, expected: Outcome) -> str:
         """Fetch the page on this thread; the notice given, if it ends as the story needs it."""
         answer = daemon.call("fetch", {"url": self._page.url})
         self._calls_made += 1
+        self._calls_refused += answer.outcome is Outcome.DISABLED
         if answer.outcome is not expected:
             raise StoryError(f"fetch ended as {answer.outcome.value}, not {expected.value}")
         return printable(answer.notice)
