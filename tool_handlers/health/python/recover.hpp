@@ -23,6 +23,9 @@ Ref error_of(Body&& body) {
     } catch (const std::bad_alloc&) {
         PyErr_NoMemory();
     }
+    if (PyErr_Occurred() == nullptr) {
+        PyErr_NoMemory();  // which the runtime leaves unsaid here and there
+    }
     return Ref::steal_optional(PyErr_GetRaisedException());
 }
 
