@@ -1,5 +1,5 @@
-// `health_floor`: a class whose methods take the tracker's arguments and do nothing. What a call of a native method costs
-// is the least that a call of the tracker can cost. Built for the benchmark only.
+// `health_floor`: a class whose methods take the tracker's arguments and do nothing. What a call of a native method
+// costs is the least that a call of the tracker can cost. Built for the benchmark only.
 #include <Python.h>
 
 namespace {
@@ -13,8 +13,11 @@ PyMethodDef method(const char* name) {
             METH_FASTCALL | METH_KEYWORDS, nullptr};
 }
 
-PyMethodDef methods[] = {method("is_disabled"), method("record_success"), method("record_error"),
-                         method("record_call"), {nullptr, nullptr, 0, nullptr}};
+PyMethodDef methods[] = {method("is_disabled"),
+                         method("record_success"),
+                         method("record_error"),
+                         method("record_call"),
+                         {nullptr, nullptr, 0, nullptr}};
 
 PyType_Slot floor_slots[] = {{Py_tp_methods, methods}, {0, nullptr}};
 PyType_Spec floor_spec = {.name = "health_floor.Floor",

@@ -49,8 +49,7 @@ void run_surface(PyObject* module) {
     const Ref file = Ref::steal(PyUnicode_FromFormat("<%S>", name.get()));
     PyCompilerFlags flags{.cf_flags = CO_FUTURE_ANNOTATIONS, .cf_feature_version = PY_MINOR_VERSION};
     constexpr int keep_documentation = 0;  // whatever the interpreter's own level of optimisation
-    const Ref code =
-        Ref::steal(Py_CompileStringObject(surface, file.get(), Py_file_input, &flags, keep_documentation));
+    const Ref code = Ref::steal(Py_CompileStringObject(surface, file.get(), Py_file_input, &flags, keep_documentation));
     const Ref done = Ref::steal(PyEval_EvalCode(code.get(), globals, globals));
 }
 

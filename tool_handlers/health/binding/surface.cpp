@@ -10,8 +10,8 @@
 
 namespace health {
 
-// What the runtime does well is left to it: imports with their errors, constants, records, signatures, documentation. The
-// annotations are held as text.
+// What the runtime does well is left to it: imports with their errors, constants, records, signatures, documentation.
+// The annotations are held as text.
 const char* const surface = R"(
 import json
 import logging

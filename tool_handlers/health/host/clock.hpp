@@ -12,9 +12,10 @@ namespace health {
 
 class Clock {
 public:
-    /// Epoch seconds now if `time.time` is a native function without parameters, called through its method definition: a
-    /// library that freezes time exchanges the function there. Empty where it is none, or raises. What the function does
-    /// is its own matter and may run Python code: only what is read afterwards holds. `globals` is the module's namespace.
+    /// Epoch seconds now if `time.time` is a native function without parameters, called through its method definition:
+    /// a library that freezes time exchanges the function there. Empty where it is none, or raises. What the function
+    /// does is its own matter and may run Python code: only what is read afterwards holds. `globals` is the module's
+    /// namespace.
     py::Ref read_natively(const Names& names, PyObject* globals);
 
     /// `time.time()`, whatever stands in its place. May run Python code.

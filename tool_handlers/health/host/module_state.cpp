@@ -26,11 +26,11 @@ Ref json_function(const Names& names, PyObject* globals, Name name) {
     }
     PyObject* namespace_of_json = PyModule_GetDict(json);
     PyObject* function = py::find(namespace_of_json, names[name]);
-    const bool is_own = function != nullptr && PyFunction_Check(function) &&
-                        PyFunction_GET_GLOBALS(function) == namespace_of_json &&
-                        reinterpret_cast<PyFunctionObject*>(function)->func_closure == nullptr &&
-                        PyUnicode_Compare(reinterpret_cast<PyCodeObject*>(PyFunction_GET_CODE(function))->co_qualname,
-                                          names[name]) == 0;
+    const bool is_own =
+        function != nullptr && PyFunction_Check(function) && PyFunction_GET_GLOBALS(function) == namespace_of_json &&
+        reinterpret_cast<PyFunctionObject*>(function)->func_closure == nullptr &&
+        PyUnicode_Compare(reinterpret_cast<PyCodeObject*>(PyFunction_GET_CODE(function))->co_qualname, names[name]) ==
+            0;
     return is_own ? Ref::borrow(function) : Ref();
 }
 

@@ -69,8 +69,8 @@ public:
 
     /// The interned text of a name.
     [[nodiscard]] PyObject* operator[](Name name) const { return state.names[name]; }
-    /// The value of a name in the namespace, as it is now. Runs no Python code but where the namespace has a key that is
-    /// not plain. Throws a NameError.
+    /// The value of a name in the namespace, as it is now. Runs no Python code but where the namespace has a key that
+    /// is not plain. Throws a NameError.
     [[nodiscard]] py::Ref get(Name name) const;
     /// Whether a name leads to `original`, which is not empty. As above.
     [[nodiscard]] bool is_original(Name name, const py::Ref& original) const;
@@ -106,7 +106,8 @@ struct Implementation<function> {
             } else {
                 return function(module, arguments[place]...);
             }
-        }(std::index_sequence_for<Parameters...>());
+        }
+        (std::index_sequence_for<Parameters...>());
     }
 
     static constexpr py::FunctionDef define(const char* name) {

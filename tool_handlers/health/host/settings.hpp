@@ -23,8 +23,8 @@ inline py::Ref disable_cooldown_s(const Module& module, PyObject* limits) {
     return py::get_attribute(limits, module[Name::disable_cooldown_s]);
 }
 
-/// A setting, read by `attribute`, if it is a plain number and reading it runs no Python code; else empty. `limits` may be
-/// nullptr.
+/// A setting, read by `attribute`, if it is a plain number and reading it runs no Python code; else empty. `limits` may
+/// be nullptr.
 inline py::Ref plain_setting(PyObject* limits, py::PlainAttribute& attribute, PyObject* name) {
     py::Ref value = limits == nullptr ? py::Ref() : attribute.get(limits, name);
     return value && py::is_plain_number(value.get()) ? std::move(value) : py::Ref();

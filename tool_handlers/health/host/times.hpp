@@ -1,8 +1,8 @@
 // The two conversions of stored times, and the ways to them through the module's namespace.
 //
-// Plain input takes the short way of calendar.hpp while `datetime`, `timezone` and `_SQLITE_TIMESTAMP` are what they were
-// when the module was imported; everything else goes to the runtime's `datetime`, whose errors and
-// exact acceptance are what is asked for, and may run Python code.
+// Plain input takes the short way of calendar.hpp while `datetime`, `timezone` and `_SQLITE_TIMESTAMP` are what they
+// were when the module was imported; everything else goes to the runtime's `datetime`, whose errors and exact
+// acceptance are what is asked for, and may run Python code.
 #pragma once
 
 #include <Python.h>

@@ -3,10 +3,10 @@
 #include <functional>
 #include <string_view>
 
+#include "health/mirror/canonical_document.hpp"
 #include "health/python/dict.hpp"
 #include "health/python/ref_vector.hpp"
 #include "health/python/text.hpp"
-#include "health/mirror/canonical_document.hpp"
 
 namespace health {
 

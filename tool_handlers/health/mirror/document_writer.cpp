@@ -5,9 +5,9 @@
 #include <cmath>
 #include <memory>
 
+#include "health/mirror/canonical_document.hpp"
 #include "health/python/numbers.hpp"
 #include "health/python/text.hpp"
-#include "health/mirror/canonical_document.hpp"
 #include "health/tracker/mapping.hpp"
 
 namespace health {

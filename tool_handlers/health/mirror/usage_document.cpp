@@ -75,13 +75,13 @@ DocumentEntry copy_entry(const Module& module, MappingEntry& entry) {
 }
 
 struct Snapshot {
-    bool is_changed = false;  // without a change there is nothing to write, and no entry was copied
-    py::RefVector<MappingEntry> live;  // dropped, as the old mark is, when the lock is free
+    bool is_changed = false;           // without a change there is nothing to write, and no entry was copied
+    py::RefVector<MappingEntry> live;  // dropped, as the next is, when the lock is free
     py::RefVector<DocumentEntry> entries;
-    Ref old_mark;
+    Ref was_dirty;
 };
 
-/// Copies the counts and clears their mark, the latter once nothing can fail any more; but not where it says that
+/// Copies the counts and clears `_usage_dirty`, the latter once nothing can fail any more; but not where it says that
 /// everything is dirty, for the tools' health is, too. The lock is held.
 void take_snapshot(const Module& module, const TrackerView& tracker, Snapshot& snapshot) {
     snapshot.is_changed = py::is_true(tracker.get(TrackerFields::usage_dirty).get());
@@ -94,7 +94,7 @@ void take_snapshot(const Module& module, const TrackerView& tracker, Snapshot& s
         snapshot.entries.push_back(copy_entry(module, entry));
     }
     if (!is_everything_dirty(tracker)) {
-        snapshot.old_mark = tracker.exchange(TrackerFields::usage_dirty, py::boolean(false));
+        snapshot.was_dirty = tracker.exchange(TrackerFields::usage_dirty, py::boolean(false));
     }
 }
 
@@ -105,7 +105,7 @@ void mark_usage_dirty(const TrackerView& tracker) {
 }
 
 /// Marks the counts as changed again: under the lock, and without it where waiting for that is interrupted.
-void put_back_mark(const Module& module, const TrackerView& tracker) {
+void put_back_usage_dirty(const Module& module, const TrackerView& tracker) {
     py::recovering(
         [&] {
             in_section(module, tracker, [&] {
@@ -158,7 +158,7 @@ Ref flush_usage(const Module& module, PyObject* self) {
                 count = Ref::steal(PyLong_FromSize_t(snapshot.entries.size()));
                 write_document(module, tracker, snapshot.entries);
             },
-            [&] { put_back_mark(module, tracker); });
+            [&] { put_back_usage_dirty(module, tracker); });
     }
     return count;
 }

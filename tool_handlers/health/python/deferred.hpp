@@ -9,7 +9,8 @@
 
 namespace health::py {
 
-/// Takes over a reference, to be dropped by `run_deferred`. False, with nothing taken, if too many are deferred already.
+/// Takes over a reference, to be dropped by `run_deferred`. False, with nothing taken, if too many are deferred
+/// already.
 bool defer_decref(PyObject* object);
 
 /// Drops what was deferred on this thread. Runs Python code; the error indicator stays as it is.

@@ -58,8 +58,8 @@ inline bool are_in_order(const PyCodeObject& code, Py_ssize_t positional, PyObje
 
 /// Runs the implementation. It guards the C stack as the runtime's own native functions do: what a call runs may be
 /// native, too, and call back here without a Python frame in between. Where depth is left, what `Py_EnterRecursiveCall`
-/// and its counterpart do is done here with one look-up of the thread instead of two (measured: 7 % of is_disabled); where
-/// none is, the runtime decides.
+/// and its counterpart do is done here with one look-up of the thread instead of two (measured: 7 % of is_disabled);
+/// where none is, the runtime decides.
 inline PyObject* run(const NativeFunction& native, PyObject* globals, PyObject* const* arguments) {
     PyThreadState* thread = _PyThreadState_UncheckedGet();
     if (thread->c_recursion_remaining > 0) {

@@ -10,12 +10,12 @@
 //     {.name = "_known", .parameter_count = 2, .implementation = known}   its row
 //
 // `make_native` puts a native function in the place of `...`, among the constants of the code, and gives the function a
-// native vectorcall. A call that gives every argument in order goes straight from there to the implementation; any other
-// call is bound by the runtime and comes by way of the body. So does every call once a host has put another code in
-// place, and then that code runs.
+// native vectorcall. A call that gives every argument in order goes straight from there to the implementation; any
+// other call is bound by the runtime and comes by way of the body. So does every call once a host has put another code
+// in place, and then that code runs.
 //
-// The native function, what it refers to, and the code that holds it must not refer back to the functions: the collector
-// does not see through code objects.
+// The native function, what it refers to, and the code that holds it must not refer back to the functions: the
+// collector does not see through code objects.
 #pragma once
 
 #include <Python.h>

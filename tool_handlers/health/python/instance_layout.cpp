@@ -29,8 +29,8 @@ bool InstanceLayout::reads_back() const {
     for (const Ref& name : names_) {
         check(PyObject_GenericSetAttr(object.get(), name.get(), name.get()));
     }
-    const std::uintptr_t word = word_of(object.get());
-    if ((word & tag) == 0) {
+    char* word = word_of(object.get());
+    if (!is_tagged(word)) {
         return false;
     }
     auto* const* values = reinterpret_cast<PyObject**>(word + tag);
@@ -41,6 +41,21 @@ bool InstanceLayout::reads_back() const {
     }
     return true;
 }
+
+#ifdef HEALTH_ASSERTIONS
+/// Ends the process if the values are not what attribute access gives.
+void InstanceLayout::assert_reads_back(PyObject* object, PyObject** values) const {
+    PyObject* error = PyErr_GetRaisedException();
+    for (std::size_t place = 0; place < names_.size(); ++place) {
+        PyObject* value = values[place] == nullptr ? nullptr : PyObject_GenericGetAttr(object, names_[place].get());
+        if (value != values[place]) {
+            Py_FatalError("an attribute is not in its place");
+        }
+        Py_XDECREF(value);
+    }
+    PyErr_SetRaisedException(error);
+}
+#endif
 
 /// Looks whether attribute access is the plain one for the class as it is now, and notes its version if so.
 bool InstanceLayout::is_plain_now() {

@@ -36,14 +36,19 @@ public:
     /// `__dict__`, and reading or writing the attributes runs no Python code. Else nullptr. Good until Python code may
     /// run; runs none itself.
     PyObject** values_of(PyObject* object) {
-        const std::uintptr_t word = has_layout(object) ? word_of(object) : 0;
-        return (word & tag) != 0 ? reinterpret_cast<PyObject**>(word + tag) : nullptr;
+        char* word = has_layout(object) ? word_of(object) : nullptr;
+        if (!is_tagged(word)) {
+            return nullptr;
+        }
+        auto** values = reinterpret_cast<PyObject**>(word + tag);
+        assert_reads_back(object, values);
+        return values;
     }
 
     /// The `__dict__` of an object that is plain but for having been asked for it. Else nullptr. As above.
     PyObject* dict_of(PyObject* object) {
-        const std::uintptr_t word = has_layout(object) ? word_of(object) : tag;
-        return (word & tag) == 0 ? reinterpret_cast<PyObject*>(word) : nullptr;
+        char* word = has_layout(object) ? word_of(object) : nullptr;
+        return is_tagged(word) ? nullptr : reinterpret_cast<PyObject*>(word);
     }
 
     /// Whether an object, which is exactly of the class, has the class as it was when it was bound.
@@ -56,12 +61,18 @@ public:
 private:
     static constexpr std::uintptr_t tag = 1;
 
-    static std::uintptr_t word_of(PyObject* object) { return reinterpret_cast<std::uintptr_t*>(object)[-3]; }
+    static char* word_of(PyObject* object) { return reinterpret_cast<char**>(object)[-3]; }
+    static bool is_tagged(const char* word) { return (reinterpret_cast<std::uintptr_t>(word) & tag) != 0; }
     bool has_layout(PyObject* object) {
         return Py_TYPE(object) == type_ && (type_->tp_version_tag == version_ || is_plain_now());
     }
     bool is_plain_now();
     [[nodiscard]] bool reads_back() const;
+#ifdef HEALTH_ASSERTIONS
+    void assert_reads_back(PyObject* object, PyObject** values) const;
+#else
+    void assert_reads_back(PyObject* /*object*/, PyObject** /*values*/) const {}
+#endif
 
     PyTypeObject* type_ = nullptr;  // borrowed: its functions hold what holds this
     Ref watch_;                     // a weak reference to it, to tell it from another class in its place

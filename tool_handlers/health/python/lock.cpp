@@ -13,13 +13,14 @@ Ref own_method(PyTypeObject* type, const char* name) {
     return is_own ? std::move(method) : Ref();
 }
 
-/// A special method as a `with` statement looks it up: on the type, and bound. `missed` ends the text of the error where
-/// there is none.
+/// A special method as a `with` statement looks it up: on the type, and bound. `missed` ends the text of the error
+/// where there is none.
 Ref manager_method(PyObject* manager, const char* name, const char* missed) {
     PyTypeObject* type = Py_TYPE(manager);
     Ref method = Ref::borrow_optional(_PyType_Lookup(type, text(name).get()));
     if (!method) {
-        raise(PyExc_TypeError, "'%.200s' object does not support the context manager protocol%s", type->tp_name, missed);
+        raise(PyExc_TypeError, "'%.200s' object does not support the context manager protocol%s", type->tp_name,
+              missed);
     }
     descrgetfunc bind = Py_TYPE(method.get())->tp_descr_get;
     return bind == nullptr ? std::move(method)
@@ -67,8 +68,8 @@ EnteredLock::EnteredLock(const LockMethods& methods, PyObject* lock) : methods_(
         exit_ = manager_method(lock, "__exit__", " (missed __exit__ method)");
         call(enter.get());
     } else if (_Py_IsFinalizing() != 0) {
-        // The other threads have ended wherever they were: a lock that cannot be had stays held, and this last thread is
-        // alone without it.
+        // The other threads have ended wherever they were: a lock that cannot be had stays held, and this last thread
+        // is alone without it.
         is_abandoned_ = !methods_.try_acquire(lock);
     } else {
         methods_.acquire(lock);

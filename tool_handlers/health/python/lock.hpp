@@ -1,11 +1,11 @@
 // Sections that only one thread may be in.
 //
 // The lock is a `threading.Lock`, which Python code can see and take. Taking and releasing it costs more than most
-// sections do, and often that can be elided. A thread that holds the GIL is alone until it runs Python code or waits, for
-// nothing else gives the GIL away (in this runtime not even an allocation does: collections run between bytecodes only).
-// So a section that does neither, an elided one, is alone from its first step to its last, provided that no other thread
-// stopped in the middle of a section of its own; such a thread holds the lock. An elided section only looks that the lock
-// is free:
+// sections do, and often that can be elided. A thread that holds the GIL is alone until it runs Python code or waits,
+// for nothing else gives the GIL away (in this runtime not even an allocation does: collections run between bytecodes
+// only). So a section that does neither, an elided one, is alone from its first step to its last, provided that no
+// other thread stopped in the middle of a section of its own; such a thread holds the lock. An elided section only
+// looks that the lock is free:
 //
 //     thread 1   look: free | elided section |                           look: held, so take: waits ... | section
 //     thread 2                                 take | section, which runs Python code, which  | release
@@ -30,8 +30,11 @@ public:
     /// Looks them up, once. Where the runtime's lock type was replaced, no lock will be found native.
     void bind();
 
-    [[nodiscard]] bool is_native(PyObject* lock) const { return reinterpret_cast<PyObject*>(Py_TYPE(lock)) == type_.get(); }
-    /// Whether a section may be elided: `lock`, which may be nullptr, is native and nobody holds it. Runs no Python code.
+    [[nodiscard]] bool is_native(PyObject* lock) const {
+        return reinterpret_cast<PyObject*>(Py_TYPE(lock)) == type_.get();
+    }
+    /// Whether a section may be elided: `lock`, which may be nullptr, is native and nobody holds it. Runs no Python
+    /// code.
     [[nodiscard]] bool is_free(PyObject* lock) const {
         return lock != nullptr && is_native(lock) && locked_(lock, nullptr) == Py_False;
     }
@@ -49,8 +52,8 @@ private:
     PyCFunction locked_ = nullptr;
 };
 
-/// A lock that was entered as by a `with` statement, to be left exactly once. A thread that a finalising interpreter ends
-/// in between leaves it as it is.
+/// A lock that was entered as by a `with` statement, to be left exactly once. A thread that a finalising interpreter
+/// ends in between leaves it as it is.
 class EnteredLock {
 public:
     /// Enters; any context manager serves as a lock. Throws what that raises.

@@ -2,8 +2,8 @@
 //
 // An entry holds a key, the value borrowed from the dictionary, and the dictionary's version: a number that no other
 // state of any dictionary of this interpreter has. It serves while the dictionary has that version, so an answer is
-// always what a look-up would give, and it is found without running Python code, and without building the key where that
-// is a tuple. Each key has one place; another that has the same one takes it over.
+// always what a look-up would give, and it is found without running Python code, and without building the key where
+// that is a tuple. Each key has one place; another that has the same one takes it over.
 //
 // Only plain keys are held: exactly a str, or a tuple of parts that are exactly str, None or bool. Comparing those runs
 // no Python code, and neither does dropping them.
@@ -34,7 +34,11 @@ public:
             return nullptr;
         }
         const Entry& entry = entries_[place_of(dict, key)];
-        return entry.version == version_of(dict) && is_same_key(entry.key.get(), key) ? entry.value : nullptr;
+        if (entry.version != version_of(dict) || !is_same_key(entry.key.get(), key)) {
+            return nullptr;
+        }
+        assert_held(dict, entry.value);
+        return entry.value;
     }
 
     /// Keeps what a look-up in an exact dictionary has just found. Keys that are not plain are left out. Runs nothing.
@@ -77,12 +81,27 @@ private:
         return (hash ^ hash >> 10) % size;
     }
 
+    /// In builds with assertions, ends the process if the dictionary does not hold the value.
+    static void assert_held([[maybe_unused]] PyObject* dict, [[maybe_unused]] PyObject* value) {
+#ifdef HEALTH_ASSERTIONS
+        Py_ssize_t position = 0;
+        PyObject* held = nullptr;
+        while (held != value) {
+            if (PyDict_Next(dict, &position, nullptr, &held) == 0) {
+                Py_FatalError("the look-up cache knows a value that its dictionary does not hold");
+            }
+        }
+#endif
+    }
+
     static bool is_same(PyObject* left, PyObject* right) {
         return left == right ||
                (PyUnicode_CheckExact(left) && PyUnicode_CheckExact(right) && _PyUnicode_EQ(left, right) != 0);
     }
 
-    static bool is_same_key(PyObject* held, const Key<1>& key) { return is_same(held, key[0]); }
+    static bool is_same_key(PyObject* held, const Key<1>& key) {
+        return is_same(held, key[0]);
+    }
 
     template <std::size_t Count>
     static bool is_same_key(PyObject* held, const Key<Count>& key) {

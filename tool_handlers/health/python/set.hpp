@@ -7,8 +7,8 @@
 
 namespace health::py {
 
-/// Whether a set, exactly a set or anything else, is seen to hold a text, exactly a str: found where a look-up would look
-/// first. False where that takes comparing keys that are not plain, or a longer search. Runs no Python code.
+/// Whether a set, exactly a set or anything else, is seen to hold a text, exactly a str: found where a look-up would
+/// look first. False where that takes comparing keys that are not plain, or a longer search. Runs no Python code.
 inline bool is_seen_in(PyObject* set, PyObject* text) {
     if (set == nullptr || !PySet_CheckExact(set)) {
         return false;

@@ -13,7 +13,7 @@ namespace health {
 // One list: each name becomes a member of `Name` and the text it stands for.
 #define HEALTH_NAMES(NAME)        \
     NAME(TOOLS)                   \
-    NAME(ToolHealthTracker)           \
+    NAME(ToolHealthTracker)       \
     NAME(TOOL_USAGE_KEY)          \
     NAME(ToolsConfig)             \
     NAME(Lock)                    \

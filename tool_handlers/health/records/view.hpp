@@ -1,7 +1,8 @@
 // Reading and writing the fields of the module's objects: records and trackers.
 //
 // The objects are plain Python objects. A field of a plain one is read and exchanged in place (see
-// health/python/instance_layout.hpp); of any other, by the runtime's attribute access, which a host may have overridden.
+// health/python/instance_layout.hpp); of any other, by the runtime's attribute access, which a host may have
+// overridden.
 #pragma once
 
 #include <Python.h>
@@ -78,15 +79,15 @@ public:
 
     [[nodiscard]] PyObject* object() const { return object_; }
 
-    /// The value of a plain object's field; nullptr if there is none or the object is not plain. Borrowed, and good until
-    /// Python code may run.
+    /// The value of a plain object's field; nullptr if there is none or the object is not plain. Borrowed, and good
+    /// until Python code may run.
     [[nodiscard]] PyObject* get_borrowed(Field field) const {
         PyObject** values = class_.layout.values_of(object_);
         return values != nullptr ? values[field] : nullptr;
     }
 
     /// The same, also for an object that is plain but for having been asked for its `__dict__`.
-    [[nodiscard]] PyObject* peek(Field field) const {
+    [[nodiscard]] PyObject* get_stored(Field field) const {
         PyObject* dict = class_.layout.dict_of(object_);
         return dict != nullptr ? py::find(dict, name_of(field)) : get_borrowed(field);
     }
@@ -98,16 +99,16 @@ public:
         return value != nullptr ? py::Ref::borrow(value) : py::get_attribute(object_, name_of(field));
     }
 
-    /// Puts `value` in place and returns the value it replaced, for the caller to drop when it may run Python code; empty
-    /// where there was none, or where the object has attribute access of its own. On a plain object with a value nothing
-    /// can fail, and no Python code runs; on others it may.
+    /// Puts `value` in place and returns the value it replaced, for the caller to drop when it may run Python code;
+    /// empty where there was none, or where the object has attribute access of its own. On a plain object with a value
+    /// nothing can fail, and no Python code runs; on others it may.
     [[nodiscard]] py::Ref exchange(Field field, py::Ref value) const {
         PyObject** values = class_.layout.values_of(object_);
         if (values != nullptr && values[field] != nullptr) {
             value.swap_with(values[field]);
             return value;
         }
-        py::Ref replaced = py::Ref::borrow_optional(peek(field));
+        py::Ref replaced = py::Ref::borrow_optional(get_stored(field));
         py::check(PyObject_SetAttr(object_, name_of(field), value.get()));
         return replaced;
     }

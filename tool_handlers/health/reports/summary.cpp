@@ -3,7 +3,8 @@
 // The usage counts are walked over once and sorted into their tools on the way, so the work grows with the number of
 // tools plus the number of usage keys:
 //
-//     _usage   ("fetch", "page", "ok", False): 2 calls    ("find", None, "ok", False): 9 calls    ("fetch", ...): 1 call
+//     _usage   ("fetch", "page", "ok", False): 2 calls    ("find", None, "ok", False): 9 calls    ("fetch", ...): 1
+//     call
 //                     |                                          |                                        |
 //     lines    fetch: [page ok 2 calls,  page error 1 call]      find: [None ok 9 calls]                  ...
 //                     | tool by tool, the worst first: is_slow_call, order, rows
@@ -74,7 +75,8 @@ Ref average_by_runtime(PyObject* total_ms, PyObject* timed_calls) {
 bool read_plain_average(UsageLine& line, PyObject* total_ms, PyObject* timed_calls) {
     constexpr long exact_in_double = 1L << 53;
     long timed = 0;
-    if (total_ms == nullptr || !PyFloat_CheckExact(total_ms) || !read_plain(timed_calls, timed) || timed <= 0 || timed >= exact_in_double) {
+    if (total_ms == nullptr || !PyFloat_CheckExact(total_ms) || !read_plain(timed_calls, timed) || timed <= 0 ||
+        timed >= exact_in_double) {
         return false;
     }
     line.average_ms = py::round_to(PyFloat_AS_DOUBLE(total_ms) / static_cast<double>(timed), average_decimals);

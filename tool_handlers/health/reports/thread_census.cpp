@@ -28,9 +28,7 @@ Ref thread_census_report(const Module& module, PyObject* budget, PyObject* censu
     const Ref threads = py::get_attribute(taken.get(), module[Name::python_threads]);
     const Ref by_name = py::call(reinterpret_cast<PyObject*>(&PyDict_Type), threads.get());
     Ref report = Ref::steal(PyDict_New());
-    const auto put = [&](Name name, PyObject* value) {
-        py::check(PyDict_SetItem(report.get(), module[name], value));
-    };
+    const auto put = [&](Name name, PyObject* value) { py::check(PyDict_SetItem(report.get(), module[name], value)); };
     const bool is_system_counted = by_system.get() != Py_None;
     if (is_system_counted) {
         put(Name::os, by_system.get());

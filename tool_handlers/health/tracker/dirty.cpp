@@ -48,7 +48,7 @@ bool is_any_dirty(const TrackerView& tracker) {
 }
 
 bool is_everything_dirty(const TrackerView& tracker) {
-    PyObject* flag = tracker.peek(usage_dirty);
+    PyObject* flag = tracker.get_stored(usage_dirty);
     return flag != nullptr && py::is_compact(flag) && py::compact_value(flag) == everything;
 }
 

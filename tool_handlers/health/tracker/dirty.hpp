@@ -1,9 +1,9 @@
 // The tools whose health changed since it was written: the set `_dirty`.
 //
-// A name is never lost. A flush takes the names out, and puts them back when it fails. Where even that fails (no memory,
-// an interruption while it waits for the lock), one flag says that every tool counts as changed: `_usage_dirty` is 2, which
-// counts as true, instead of True. Setting it cannot fail, and the next flush takes the names of all tools; a spare row
-// does no harm.
+// A name is never lost. A flush takes the names out, and puts them back when it fails. Where even that fails (no
+// memory, an interruption while it waits for the lock), one flag says that every tool counts as changed: `_usage_dirty`
+// is 2, which counts as true, instead of True. Setting it cannot fail, and the next flush takes the names of all tools;
+// a spare row does no harm.
 #pragma once
 
 #include <Python.h>
@@ -12,8 +12,8 @@
 
 namespace health {
 
-// All of these may run Python code where `_dirty` is no plain set, a name in it is not plain, or the tracker has attribute
-// access of its own; and pass on what that raises. The lock is held, but for `put_back_dirty`.
+// All of these may run Python code where `_dirty` is no plain set, a name in it is not plain, or the tracker has
+// attribute access of its own; and pass on what that raises. The lock is held, but for `put_back_dirty`.
 
 /// `tracker._dirty.add(tool_name)`.
 void mark_dirty(const Module& module, const TrackerView& tracker, PyObject* tool_name);

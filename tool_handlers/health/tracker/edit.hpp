@@ -8,8 +8,8 @@
 //         edit.set(updated_at, now);
 //     });
 //
-// Each step takes effect when it is made, and stays when a later one fails. Only where memory ran out `apply` undoes them
-// all. What the steps replaced dies with the edit, when the lock is free: last references may run Python code.
+// Each step takes effect when it is made, and stays when a later one fails. Only where memory ran out `apply` undoes
+// them all. What the steps replaced dies with the edit, when the lock is free: last references may run Python code.
 #pragma once
 
 #include <Python.h>
@@ -117,9 +117,7 @@ private:
         PyObject* replaced;  // owned; NULL where there was nothing, or where it cannot be put back
     };
 
-    void replace_elided(Field field, py::Ref value) {
-        add_step(field, std::exchange(values_[field], value.release()));
-    }
+    void replace_elided(Field field, py::Ref value) { add_step(field, std::exchange(values_[field], value.release())); }
     // Apart, so that what an elided section does is small enough to be inlined. (Measured: 4 % of record_call.)
     [[gnu::noinline]] void set_by_view(Field field, py::Ref value) {
         add_step(field, view().exchange(field, std::move(value)).release());
@@ -158,7 +156,7 @@ private:
     }
 
     ObjectClass<Fields>& class_;
-    PyObject** values_ = nullptr;  // of the record, in an elided section only
+    PyObject** values_ = nullptr;                   // of the record, in an elided section only
     std::array<Step, Fields::names.size()> steps_;  // NOLINT: the first `count_` are there
     std::size_t count_ = 0;
     py::Ref record_;

@@ -1,5 +1,5 @@
-// The tracker's two mappings, `_state` and `_usage`. They are dictionaries unless a host put another mapping in place; then
-// its own methods are used.
+// The tracker's two mappings, `_state` and `_usage`. They are dictionaries unless a host put another mapping in place;
+// then its own methods are used.
 #pragma once
 
 #include <Python.h>

@@ -24,8 +24,9 @@ constexpr Py_ssize_t longest_error = 500;  // characters of an error's text that
 
 /// What an outcome is recorded with in an elided section.
 struct Prepared {
-    PyObject** values = nullptr;  // of the tool's record, good until Python code may run; nullptr where the lock is to be taken
-    Ref now;                      // epoch seconds if the clock was read already, which serves either way
+    PyObject** values =
+        nullptr;  // of the tool's record, good until Python code may run; nullptr where the lock is to be taken
+    Ref now;      // epoch seconds if the clock was read already, which serves either way
 };
 
 /// The values of a plain tracker's fields if nobody holds its lock; else nullptr. Good until Python code may run.
@@ -48,8 +49,8 @@ inline bool are_plain(PyObject** values) {
            PyLong_CheckExact(values[consecutive_errors]);
 }
 
-/// The clock is read first: what it does is its own matter, and everything else is read afterwards. The tool must be known,
-/// and dirty already.
+/// The clock is read first: what it does is its own matter, and everything else is read afterwards. The tool must be
+/// known, and dirty already.
 inline Prepared prepare(const Module& module, const TrackerView& tracker, PyObject* tool_name) {
     Prepared prepared;
     prepared.now = module.state.clock.read_natively(module.state.names, module.globals);
@@ -106,8 +107,8 @@ Ref answer_enabled(const Module& module, const TrackerView& tracker, PyObject* t
     return is_enabled ? Ref::borrow(module.state.enabled_answer.get()) : Ref();
 }
 
-/// The values of a plain record of a tool that is known and disabled, if nobody holds the lock and the class still has its
-/// `cooldown_s`; else nullptr.
+/// The values of a plain record of a tool that is known and disabled, if nobody holds the lock and the class still has
+/// its `cooldown_s`; else nullptr.
 PyObject** find_disabled(const Module& module, const TrackerView& tracker, PyObject* tool_name) {
     PyObject** fields = fields_if_free(module, tracker);
     PyObject* record = fields == nullptr ? nullptr : find_known(module, fields, tool_name);
@@ -124,8 +125,8 @@ bool is_less(double seconds, PyObject* number) {
     return PyFloat_CheckExact(number) && seconds < PyFloat_AS_DOUBLE(number);
 }
 
-/// The answer about such a tool, in an elided section; empty where it takes more, or the cooldown is over. Where the clock
-/// was read, `now` has it.
+/// The answer about such a tool, in an elided section; empty where it takes more, or the cooldown is over. Where the
+/// clock was read, `now` has it.
 Ref answer_disabled(const Module& module, const TrackerView& tracker, PyObject* tool_name, Ref& now) {
     if (find_disabled(module, tracker, tool_name) == nullptr) {
         return {};
@@ -135,9 +136,8 @@ Ref answer_disabled(const Module& module, const TrackerView& tracker, PyObject* 
     if (values == nullptr || !now || !PyFloat_CheckExact(now.get())) {
         return {};
     }
-    const Ref cooldown =
-        plain_setting(tracker.get_borrowed(TrackerFields::limits), module.state.disable_cooldown_s,
-                      module[Name::disable_cooldown_s]);
+    const Ref cooldown = plain_setting(tracker.get_borrowed(TrackerFields::limits), module.state.disable_cooldown_s,
+                                       module[Name::disable_cooldown_s]);
     const double elapsed = PyFloat_AS_DOUBLE(now.get()) - PyFloat_AS_DOUBLE(values[disabled_at]);
     return cooldown && is_less(elapsed, cooldown.get()) ? py::make_tuple(Py_True, values[last_error]) : Ref();
 }

@@ -1,4 +1,5 @@
-// `ToolHealthTracker`: its operations in memory. Those on its copy in the database are in mirror/, the summary in reports/.
+// `ToolHealthTracker`: its operations in memory. Those on its copy in the database are in mirror/, the summary in
+// reports/.
 //
 // On re-entrancy. These may run Python code, and so let other threads in:
 //   - keys that are not plain, in the mappings, in `_dirty` or as arguments
@@ -8,11 +9,11 @@
 //   - numbers and texts of other types in a record
 //   - the last reference to any value
 // An operation reads nothing before such a step that it relies on after it; its steps take effect in their order (see
-// edit.hpp); and what it replaced dies last, when the lock is free. The lock is taken unless none of these can happen (see
-// section.hpp).
+// edit.hpp); and what it replaced dies last, when the lock is free. The lock is taken unless none of these can happen
+// (see section.hpp).
 //
-// `self` is any object; one that is no tracker gives a TypeError before anything is touched. Every operation throws what
-// the host's code raises, and an AttributeError where a field is missing.
+// `self` is any object; one that is no tracker gives a TypeError before anything is touched. Every operation throws
+// what the host's code raises, and an AttributeError where a field is missing.
 #pragma once
 
 #include <Python.h>
