@@ -1,9 +1,9 @@
 """Measure the module against the same module in plain Python, and print a table.
 
 Both run in one process and one run, in turn. A row shows one round, whose ratio is the median.
-The floor of an operation is an empty native function of the module's own kind, called with the same
-arguments, and time.time() where the operation reads the clock. The column is empty where there is
-no such function or none is built.
+The floor of an operation is an empty native method, called with the same arguments, and time.time()
+where the operation reads the clock. The column is empty where there is no such method or none is
+built.
 """
 
 from __future__ import annotations

@@ -114,12 +114,13 @@ class Bench:
     def rows(self) -> list[Row]:
         """The rows in the table's order, not measured yet."""
         ask, succeed = "tracker.is_disabled(tool)", "tracker.record_success(tool)"
-        fail = "tracker.record_error(tool, error)"
+        refuse, fail = "tracker.is_disabled(broken)", "tracker.record_error(tool, error)"
         count = "tracker.record_call(tool, action, outcome, alias_hit=False, duration_ms=took)"
         around = "\n".join((ask, succeed, count))
         size = f"{TOOLS} x {KEYS_PER_TOOL}"
         return [
             Row("is_disabled of an enabled tool", partial(self._call, ask)),
+            Row("is_disabled of a disabled tool", partial(self._call, refuse, reads_clock=True)),
             Row("record_success", partial(self._call, succeed, reads_clock=True)),
             Row("record_error", partial(self._call, fail, reads_clock=True)),
             Row("record_call", partial(self._call, count)),
@@ -274,8 +275,11 @@ def _empty() -> host.Repository:
 
 
 def _used(make: Callable[[host.Repository], Any]) -> Any:
-    """A tracker that knows the tool and the usage key of the measured calls, and one more of each."""
+    """A tracker that knows the tools and the usage key of the measured calls, and one more of each."""
     tracker = make(_empty())
+    tracker.limits.disable_cooldown_s = 1e9
+    for _ in range(tracker.limits.disable_after_errors):
+        tracker.record_error("broken", ERROR)
     for tool in ("search", "fetch"):
         tracker.record_success(tool)
         tracker.record_call(tool, "text", "ok", alias_hit=False, duration_ms=12.5)
@@ -296,6 +300,7 @@ def _names(tracker: Any) -> dict[str, Any]:
     return {
         "tracker": tracker,
         "tool": "search",
+        "broken": "broken",
         "action": "text",
         "outcome": "ok",
         "took": 12.5,

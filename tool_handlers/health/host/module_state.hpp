@@ -43,6 +43,8 @@ struct ModuleState {
     py::PlainAttribute disable_cooldown_s;
     /// `(False, None)`, the answer for a tool that may be called.
     py::Ref enabled_answer;
+    /// `(True, error)`, the last answer for a tool that may not; or empty.
+    py::Ref disabled_answer;
     /// Dictionaries with the keys of a health record and of a usage row in their order: a copy of one, filled in, costs
     /// less than a new dictionary.
     py::Ref empty_record;

@@ -3,29 +3,33 @@
 
 #include <Python.h>
 
-#include <algorithm>
-
 namespace health::py {
 
-/// Whether a set, exactly a set or anything else, is seen to hold a text, exactly a str: found where a look-up would
-/// look first. False where that takes comparing keys that are not plain, or a longer search. Runs no Python code.
+/// Whether a set is seen to hold a text, exactly a str. It looks where the runtime would, but passes over keys that are
+/// not plain instead of comparing them. False for nullptr and for what is not exactly a set. Runs no Python code.
 inline bool is_seen_in(PyObject* set, PyObject* text) {
     if (set == nullptr || !PySet_CheckExact(set)) {
         return false;
     }
-    constexpr Py_ssize_t neighbours = 9;
-    const Py_hash_t hash = PyObject_Hash(text);
+    constexpr std::size_t neighbours = 9;  // looked at before jumping on, unless the table ends
     const auto& table = *reinterpret_cast<PySetObject*>(set);
-    const auto first = static_cast<Py_ssize_t>(static_cast<std::size_t>(hash) & static_cast<std::size_t>(table.mask));
-    const Py_ssize_t last = std::min(first + neighbours, table.mask);
-    for (Py_ssize_t place = first; place <= last; ++place) {
-        const setentry& entry = table.table[place];
-        if (entry.key == text ||
-            (entry.hash == hash && PyUnicode_CheckExact(entry.key) && _PyUnicode_EQ(entry.key, text) != 0)) {
-            return true;
+    const Py_hash_t hash = PyObject_Hash(text);
+    const auto mask = static_cast<std::size_t>(table.mask);
+    auto perturb = static_cast<std::size_t>(hash);
+    for (std::size_t place = perturb & mask;; place = (place * 5 + 1 + perturb) & mask) {
+        const setentry* entry = &table.table[place];
+        const setentry* last = place + neighbours <= mask ? entry + neighbours : entry;
+        for (; entry <= last; ++entry) {
+            if (entry->key == nullptr) {
+                return false;
+            }
+            if (entry->key == text ||
+                (entry->hash == hash && PyUnicode_CheckExact(entry->key) && _PyUnicode_EQ(entry->key, text) != 0)) {
+                return true;
+            }
         }
+        perturb >>= 5;
     }
-    return false;
 }
 
 }  // namespace health::py

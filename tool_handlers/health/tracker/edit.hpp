@@ -90,8 +90,11 @@ public:
         return values_ != nullptr ? Held(values_[field]) : Held(view().get(field));
     }
 
+    // These are forced inline, and what an elided section does not need is kept out of them. (Measured: 7 % of
+    // record_success, 4 % of record_call.)
+
     /// `record.field = value`, once for each field. May run Python code where the record is not plain.
-    void set(Field field, py::Ref value) {
+    [[gnu::always_inline]] void set(Field field, py::Ref value) {
         if (values_ != nullptr) {
             replace_elided(field, std::move(value));
         } else {
@@ -100,7 +103,7 @@ public:
     }
 
     /// `record.field += 1`.
-    void increment(Field field) {
+    [[gnu::always_inline]] void increment(Field field) {
         if (values_ != nullptr && py::is_compact(values_[field])) {
             replace_elided(field, py::integer(py::compact_value(values_[field]) + 1));
         } else {
@@ -117,8 +120,9 @@ private:
         PyObject* replaced;  // owned; NULL where there was nothing, or where it cannot be put back
     };
 
-    void replace_elided(Field field, py::Ref value) { add_step(field, std::exchange(values_[field], value.release())); }
-    // Apart, so that what an elided section does is small enough to be inlined. (Measured: 4 % of record_call.)
+    [[gnu::always_inline]] void replace_elided(Field field, py::Ref value) {
+        add_step(field, std::exchange(values_[field], value.release()));
+    }
     [[gnu::noinline]] void set_by_view(Field field, py::Ref value) {
         add_step(field, view().exchange(field, std::move(value)).release());
     }
