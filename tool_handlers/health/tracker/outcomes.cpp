@@ -235,14 +235,15 @@ Ref is_disabled(const Module& module, PyObject* self, PyObject* tool_name) {
         if (edit.get(disabled_at).get() == Py_None) {
             return Ref::borrow(module.state.enabled_answer.get());
         }
-        const Ref now = now_of(module, prepared);
-        if (!is_cooldown_over(module, self, now.get(), edit.get(disabled_at).get())) {
+        prepared.now = now_of(module, prepared);  // dies, as what is replaced does, when the lock is free
+        PyObject* now = prepared.now.get();
+        if (!is_cooldown_over(module, self, now, edit.get(disabled_at).get())) {
             return disabled_answer(module, edit.get(last_error).get());
         }
         edit.apply([&] {
             edit.set(consecutive_errors, py::integer(0));
             edit.set(disabled_at, py::none());
-            edit.set(updated_at, Ref::borrow(now.get()));
+            edit.set(updated_at, Ref::borrow(now));
             mark_dirty(module, tracker, tool_name);
         });
         return Ref::borrow(module.state.enabled_answer.get());
