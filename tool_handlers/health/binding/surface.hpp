@@ -7,8 +7,7 @@
 
 namespace health {
 
-/// The Python text of the module, to be run in its namespace. Its functions have the form that
-/// health/python/function.hpp tells.
+/// The Python text of the module (surface.py, from which the build makes this), to be run in its namespace.
 extern const char* const surface;
 
 /// The module's functions and the tracker's members, properties included.
