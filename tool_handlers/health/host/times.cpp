@@ -55,6 +55,7 @@ Ref read_by_runtime(const Module& module, PyObject* text) {
     if (error && PyErr_GivenExceptionMatches(error.get(), PyExc_ValueError) == 0) {
         py::rethrow(std::move(error));
     }
+    py::run_deferred();
     return moment;
 }
 

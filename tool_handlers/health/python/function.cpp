@@ -68,7 +68,9 @@ inline PyObject* run(const NativeFunction& native, PyObject* globals, PyObject* 
         return nullptr;
     }
     const FunctionContext context{.state = native.state, .globals = globals};
+    PyObject* owner = Py_NewRef(native.owner);  // what runs may put other code in every function's place
     PyObject* result = to_runtime([&] { return native.definition->implementation(context, arguments); });
+    Py_DECREF(owner);
     ++thread->c_recursion_remaining;
     return result;
 }

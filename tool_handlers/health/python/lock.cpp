@@ -105,6 +105,7 @@ Ref EnteredLock::leave_manager(Ref result, Ref error) {
     const Ref is_swallowed = call(exit_.get(), reinterpret_cast<PyObject*>(Py_TYPE(error.get())), error.get(),
                                   traceback ? traceback.get() : Py_None);
     if (is_true(is_swallowed.get())) {
+        run_deferred();
         return none();
     }
     rethrow(std::move(error));

@@ -147,12 +147,13 @@ Ref answer_elided(const Module& module, const TrackerView& tracker, PyObject* to
         return {};
     }
     now = module.state.clock.read_natively(module.state.names, module.globals);
+    PyObject** fields = module.state.tracker.layout.values_of(tracker.object());
+    PyObject* limits = fields == nullptr ? nullptr : fields[TrackerFields::limits];
+    const Ref cooldown = plain_setting(limits, module.state.disable_cooldown_s, module[Name::disable_cooldown_s]);
     values = find_values(module, tracker, tool_name);  // again: what the clock does is its own matter
     if (!now || !PyFloat_CheckExact(now.get()) || !is_plainly_disabled(module, values)) {
         return {};
     }
-    const Ref cooldown = plain_setting(tracker.get_borrowed(TrackerFields::limits), module.state.disable_cooldown_s,
-                                       module[Name::disable_cooldown_s]);
     const double elapsed = PyFloat_AS_DOUBLE(now.get()) - PyFloat_AS_DOUBLE(values[disabled_at]);
     return cooldown && is_less(elapsed, cooldown.get()) ? disabled_answer(module, values[last_error]) : Ref();
 }
@@ -188,14 +189,11 @@ Ref record_success(const Module& module, PyObject* self, PyObject* tool_name) {
 Ref record_error(const Module& module, PyObject* self, PyObject* tool_name, PyObject* error) {
     const TrackerView tracker = module.tracker(self);
     StateEdit edit(module.state.tool_state);
-    Prepared prepared = prepare(module, tracker, tool_name);
-    Ref threshold;
-    if (prepared.values != nullptr) {
-        threshold = plain_setting(tracker.get_borrowed(TrackerFields::limits), module.state.disable_after_errors,
+    Ref threshold = plain_setting(tracker.get_borrowed(TrackerFields::limits), module.state.disable_after_errors,
                                   module[Name::disable_after_errors]);
-    }
+    Prepared prepared = prepare(module, tracker, tool_name);
     const bool is_plain_error = PyUnicode_CheckExact(error) || error == Py_None;
-    return in_section(module, tracker, threshold && is_plain_error, [&](auto is_elided) {
+    return in_section(module, tracker, prepared.values != nullptr && threshold && is_plain_error, [&](auto is_elided) {
         is_elided ? edit.begin_elided(prepared.values) : begin(edit, module, tracker, tool_name);
         edit.apply([&] {
             edit.increment(call_count);
