@@ -42,6 +42,11 @@ inline Ref incremented(PyObject* number) {
     return is_compact(number) ? integer(compact_value(number) + 1) : add(number, integer(1).get());
 }
 
+/// `-number`. Runs Python code unless it is plain.
+inline Ref minus(PyObject* number) {
+    return Ref::steal(PyNumber_Negative(number));
+}
+
 /// `left >= right`. Runs Python code unless both are plain.
 inline bool is_at_least(PyObject* left, PyObject* right) {
     if (is_compact(left) && is_compact(right)) {
