@@ -1,5 +1,6 @@
 // `PyInit_health`: the module's definition, and how it is executed.
 #include <Python.h>
+#include <marshal.h>
 
 #include <new>
 
@@ -45,18 +46,15 @@ Ref make_state() {
 /// Runs the module's text in its namespace.
 void run_surface(PyObject* module) {
     PyObject* globals = PyModule_GetDict(module);
-    const Ref name = py::get_attribute(module, "__name__");
-    const Ref file = Ref::steal(PyUnicode_FromFormat("<%S>", name.get()));
-    PyCompilerFlags flags{.cf_flags = CO_FUTURE_ANNOTATIONS, .cf_feature_version = PY_MINOR_VERSION};
-    constexpr int keep_documentation = 0;  // whatever the interpreter's own level of optimisation
-    const Ref code = Ref::steal(Py_CompileStringObject(surface, file.get(), Py_file_input, &flags, keep_documentation));
+    const Ref code = Ref::steal(PyMarshal_ReadObjectFromString(surface, static_cast<Py_ssize_t>(surface_size)));
     const Ref done = Ref::steal(PyEval_EvalCode(code.get(), globals, globals));
 }
 
 /// The Python function behind a name of a namespace; a property's is its getter.
 Ref function_of(PyObject* owner, const char* name) {
     Ref member = py::get_attribute(owner, name);
-    return Py_IS_TYPE(member.get(), &PyProperty_Type) ? py::get_attribute(member.get(), "fget") : std::move(member);
+    return PyObject_TypeCheck(member.get(), &PyProperty_Type) != 0 ? py::get_attribute(member.get(), "fget")
+                                                                   : std::move(member);
 }
 
 void make_functions_native(PyObject* module, PyObject* state) {

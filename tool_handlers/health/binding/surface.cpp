@@ -29,7 +29,6 @@ constexpr std::array member_defs{
     define<record_call>("record_call"),
     define<record_success>("record_success"),
     define<record_error>("record_error"),
-    define<cooldown_s>("cooldown_s"),
     define<is_disabled>("is_disabled"),
     define<health_summary>("get_health_summary"),
     define<has_unsaved_changes>("has_unsaved_changes"),
@@ -39,9 +38,9 @@ constexpr std::array member_defs{
 };
 
 constexpr auto members = [] {
-    std::array<const py::FunctionDef*, member_defs.size() + 1> list{&usage_rows_def};
+    std::array<const py::FunctionDef*, member_defs.size() + 2> list{&usage_rows_def, &cooldown_def};
     for (std::size_t index = 0; index < member_defs.size(); ++index) {
-        list.at(index + 1) = &member_defs.at(index);
+        list.at(index + 2) = &member_defs.at(index);
     }
     return list;
 }();

@@ -1,5 +1,5 @@
-# The module as Python sees it. The build makes a C++ string of this text; at import, the runtime compiles it and runs it in
-# the module's namespace, with annotations held as text. So imports with their errors, constants, records, signatures and
+# The module as Python sees it. The build compiles this text, with annotations held as text (scripts/embed-surface); at
+# import, the code is run in the module's namespace. So imports with their errors, constants, records, signatures and
 # documentation are the runtime's own.
 #
 # `...` stands for the native function that takes its place (see python/function.hpp).

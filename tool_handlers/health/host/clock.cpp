@@ -7,19 +7,18 @@ namespace health {
 
 using py::Ref;
 
-Ref Clock::read_natively(const Names& names, PyObject* globals) {
+ClockReading Clock::read_natively(const Names& names, PyObject* globals) {
     if (py::version_of(globals) != globals_version_ || py::version_of(module_globals_) != module_version_) {
         look_up(names, globals);
     }
     if (function_ == nullptr) {
         return {};
     }
-    PyObject* self = PyCFunction_GET_SELF(function_);
-    PyObject* now = PyCFunction_GET_FUNCTION(function_)(self, nullptr);
-    if (now == nullptr) {
-        PyErr_Clear();
-    }
-    return Ref::steal_optional(now);
+    PyObject* function = Py_NewRef(function_);  // without a guard: this is on every call's path
+    PyObject* now = PyCFunction_GET_FUNCTION(function)(PyCFunction_GET_SELF(function), nullptr);
+    Ref error = Ref::steal_optional(now == nullptr ? PyErr_GetRaisedException() : nullptr);
+    Py_DECREF(function);
+    return {.now = Ref::steal_optional(now), .error = std::move(error)};
 }
 
 void Clock::look_up(const Names& names, PyObject* globals) {

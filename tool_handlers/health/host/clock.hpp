@@ -10,13 +10,18 @@
 
 namespace health {
 
+/// What the clock gave: a value, or the error that it raised; neither if it was not read.
+struct ClockReading {
+    py::Ref now;  // epoch seconds
+    py::Ref error;
+};
+
 class Clock {
 public:
-    /// Epoch seconds now if `time.time` is a native function without parameters, called through its method definition:
-    /// a library that freezes time exchanges the function there. Empty where it is none, or raises. What the function
-    /// does is its own matter and may run Python code: only what is read afterwards holds. `globals` is the module's
-    /// namespace.
-    py::Ref read_natively(const Names& names, PyObject* globals);
+    /// Reads it if `time.time` is a native function without parameters, called through its method definition: a library
+    /// that freezes time exchanges the function there. What the function does is its own matter and may run Python
+    /// code: only what is read afterwards holds. `globals` is the module's namespace.
+    ClockReading read_natively(const Names& names, PyObject* globals);
 
     /// `time.time()`, whatever stands in its place. May run Python code.
     static py::Ref read(const Names& names, PyObject* globals);

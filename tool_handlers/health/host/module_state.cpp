@@ -18,6 +18,13 @@ Ref make_empty(const Names& names, std::span<const Name> keys) {
     return empty;
 }
 
+/// What the module `json` has under a name; empty if that is not there.
+Ref json_attribute(const Names& names, PyObject* globals, Name name) {
+    PyObject* json = py::find(globals, names[Name::json]);
+    const bool is_module = json != nullptr && PyModule_CheckExact(json);
+    return Ref::borrow_optional(is_module ? py::find(PyModule_GetDict(json), names[name]) : nullptr);
+}
+
 /// A function of the module `json`, if it is the one that module defines; else empty.
 Ref json_function(const Names& names, PyObject* globals, Name name) {
     PyObject* json = py::find(globals, names[Name::json]);
@@ -42,6 +49,14 @@ Ref native_type(const Names& names, PyObject* globals, Name name) {
     return is_native ? Ref::borrow(type) : Ref();
 }
 
+/// The getter of a property of a class, borrowed; NULL if there is none.
+PyObject* getter_of(PyObject* type, PyObject* name) {
+    PyObject* property = PyType_Check(type) ? _PyType_Lookup(reinterpret_cast<PyTypeObject*>(type), name) : nullptr;
+    const Ref getter = Ref::steal_optional(property == nullptr ? nullptr : PyObject_GetAttrString(property, "fget"));
+    PyErr_Clear();
+    return getter.get();  // which the property holds
+}
+
 PyObject* bound(const Names& names, PyObject* globals, Name name) {
     PyObject* value = py::find(globals, names[name]);
     return value == nullptr ? Py_None : value;
@@ -61,7 +76,9 @@ void ModuleState::bind(PyObject* globals) {
     tool_state.bind(names, bound(names, globals, Name::_ToolState));
     usage.bind(names, bound(names, globals, Name::_Usage));
     tracker.bind(names, bound(names, globals, Name::ToolHealthTracker));
+    cooldown_getter = getter_of(bound(names, globals, Name::ToolHealthTracker), names[Name::cooldown_s]);
     originals.json_dumps = json_function(names, globals, Name::dumps);
+    originals.json_encoder = json_attribute(names, globals, Name::JSONEncoder);
     originals.json_loads = json_function(names, globals, Name::loads);
     originals.datetime = native_type(names, globals, Name::datetime);
     originals.timezone = native_type(names, globals, Name::timezone);

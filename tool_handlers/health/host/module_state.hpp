@@ -10,6 +10,10 @@
 
 #include <Python.h>
 
+#include <array>
+#include <type_traits>
+#include <utility>
+
 #include "health/host/clock.hpp"
 #include "health/python/function.hpp"
 #include "health/python/lock.hpp"
@@ -24,6 +28,7 @@ namespace health {
 /// native code serves in its place. Empty where it was not.
 struct Originals {
     py::Ref json_dumps;
+    py::Ref json_encoder;  // the class that it uses
     py::Ref json_loads;
     py::Ref datetime;
     py::Ref timezone;
@@ -41,6 +46,8 @@ struct ModuleState {
     Originals originals;
     py::PlainAttribute disable_after_errors;  // of the settings, as the next
     py::PlainAttribute disable_cooldown_s;
+    /// The getter of the tracker's `cooldown_s`. Borrowed from the class while that is pristine; NULL if it had none.
+    PyObject* cooldown_getter = nullptr;
     /// `(False, None)`, the answer for a tool that may be called.
     py::Ref enabled_answer;
     /// `(True, error)`, the last answer for a tool that may not; or empty.
@@ -78,6 +85,12 @@ public:
     [[nodiscard]] bool is_original(Name name, const py::Ref& original) const;
     /// Whether a name leads to the module's own function. As above.
     [[nodiscard]] bool is_original(Name name, const py::FunctionDef& definition) const;
+
+    /// Whether the tracker's class, which has objects, still has the `cooldown_s` that it was made with.
+    [[nodiscard]] bool has_own_cooldown(const py::FunctionDef& definition) const {
+        return state.cooldown_getter != nullptr && state.tracker.layout.is_pristine() &&
+               py::is_original(state.cooldown_getter, definition, globals);
+    }
 
     [[nodiscard]] ToolStateView tool_state(PyObject* object) const { return {state.tool_state, object}; }
     [[nodiscard]] UsageView usage(PyObject* object) const { return {state.usage, object}; }

@@ -55,7 +55,6 @@ Ref read_by_runtime(const Module& module, PyObject* text) {
     if (error && PyErr_GivenExceptionMatches(error.get(), PyExc_ValueError) == 0) {
         py::rethrow(std::move(error));
     }
-    py::run_deferred();
     return moment;
 }
 

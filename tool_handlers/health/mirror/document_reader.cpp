@@ -30,9 +30,9 @@ Ref member(const Module& module, PyObject* element, Name name) {
 
 /// Adds one element of a parsed document to the table.
 void add_element(const Module& module, PyObject* table, PyObject* element) {
-    const Ref tool = Ref::steal(PyObject_Str(member(module, element, Name::tool).get()));
+    const Ref tool = py::to_text(member(module, element, Name::tool).get());
     const Ref action = member(module, element, Name::action);
-    const Ref outcome = Ref::steal(PyObject_Str(member(module, element, Name::outcome).get()));
+    const Ref outcome = py::to_text(member(module, element, Name::outcome).get());
     const Ref alias_hit = py::boolean(py::is_true(member(module, element, Name::alias_hit).get()));
     const Ref key = py::make_tuple(tool.get(), action.get(), outcome.get(), alias_hit.get());
     const Ref calls = Ref::steal(PyNumber_Long(member(module, element, Name::calls).get()));

@@ -50,8 +50,9 @@ struct FreeText {
 }  // namespace
 
 Ref DocumentWriter::write(const py::RefVector<DocumentEntry>& entries) {
-    const Ref dumps = py::get_attribute(module_.get(Name::json).get(), module_[Name::dumps]);
-    if (dumps.get() != module_.state.originals.json_dumps.get()) {
+    const Ref json = module_.get(Name::json);
+    const Ref dumps = py::get_attribute(json.get(), module_[Name::dumps]);
+    if (!is_own_encoder(json.get(), dumps.get())) {
         return dump(dumps.get(), list_objects(module_, entries).get());
     }
     out_.reserve(entries.size() * typical_entry + 2);
@@ -64,6 +65,13 @@ Ref DocumentWriter::write(const py::RefVector<DocumentEntry>& entries) {
     }
     out_ += ']';
     return Ref::steal(PyUnicode_FromStringAndSize(out_.data(), static_cast<Py_ssize_t>(out_.size())));
+}
+
+/// Whether `dumps` encodes as it did when the module was imported.
+bool DocumentWriter::is_own_encoder(PyObject* json, PyObject* dumps) const {
+    const Originals& originals = module_.state.originals;
+    return originals.json_dumps && dumps == originals.json_dumps.get() &&
+           py::get_attribute(json, module_[Name::JSONEncoder]).get() == originals.json_encoder.get();
 }
 
 void DocumentWriter::add_entry(const DocumentEntry& entry) {

@@ -33,6 +33,7 @@ public:
     py::Ref write(const py::RefVector<DocumentEntry>& entries);
 
 private:
+    [[nodiscard]] bool is_own_encoder(PyObject* json, PyObject* dumps) const;
     void add_entry(const DocumentEntry& entry);
     void add_member(std::string_view name, PyObject* value);
     void add_total(PyObject* total_ms);

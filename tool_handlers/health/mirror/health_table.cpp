@@ -33,11 +33,11 @@ Ref with_columns(const Module& module, const char* statement) {
     return Ref::steal(PyUnicode_FromFormat(statement, columns.get()));
 }
 
-/// Calls `visit` with each item of a list, which may change meanwhile.
+/// `for item in iterable: visit(item)`.
 template <class Visit>
-void for_each_item(PyObject* list, Visit&& visit) {
-    for (Py_ssize_t index = 0; index < PyList_GET_SIZE(list); ++index) {
-        const Ref item = Ref::borrow(PyList_GET_ITEM(list, index));
+void for_each_item(PyObject* iterable, Visit&& visit) {
+    const Ref iterator = Ref::steal(PyObject_GetIter(iterable));
+    while (const Ref item = py::next_item(iterator.get())) {
         visit(item.get());
     }
 }
@@ -46,8 +46,7 @@ void for_each_item(PyObject* list, Visit&& visit) {
 
 Ref read_rows(const Module& module, const TrackerView& tracker) {
     const Ref fetch = database_operation(module, tracker, Name::fetchall);
-    const Ref rows = py::call(fetch.get(), with_columns(module, select_all).get());
-    return Ref::steal(PySequence_List(rows.get()));
+    return py::call(fetch.get(), with_columns(module, select_all).get());
 }
 
 /// Deletes the rows of the tools that the registry no longer has, in one batch.

@@ -84,8 +84,7 @@ struct Snapshot {
 /// Copies the counts and clears `_usage_dirty`, the latter once nothing can fail any more; but not where it says that
 /// everything is dirty, for the tools' health is, too. The lock is held.
 void take_snapshot(const Module& module, const TrackerView& tracker, Snapshot& snapshot) {
-    snapshot.is_changed = py::is_true(tracker.get(TrackerFields::usage_dirty).get());
-    if (!snapshot.is_changed) {
+    if (!py::is_true(tracker.get(TrackerFields::usage_dirty).get())) {
         return;
     }
     snapshot.live = list_entries(module, tracker.get(TrackerFields::usage).get());
@@ -96,12 +95,7 @@ void take_snapshot(const Module& module, const TrackerView& tracker, Snapshot& s
     if (!is_everything_dirty(tracker)) {
         snapshot.was_dirty = tracker.exchange(TrackerFields::usage_dirty, py::boolean(false));
     }
-}
-
-void mark_usage_dirty(const TrackerView& tracker) {
-    if (!is_everything_dirty(tracker)) {
-        tracker.set(TrackerFields::usage_dirty, py::boolean(true));
-    }
+    snapshot.is_changed = true;
 }
 
 /// Marks the counts as changed again: under the lock, and without it where waiting for that is interrupted.
@@ -109,11 +103,11 @@ void put_back_usage_dirty(const Module& module, const TrackerView& tracker) {
     py::recovering(
         [&] {
             in_section(module, tracker, [&] {
-                mark_usage_dirty(tracker);
+                const Ref replaced = mark_usage_dirty(tracker);
                 return py::none();
             });
         },
-        [&] { mark_usage_dirty(tracker); });
+        [&] { const Ref replaced = mark_usage_dirty(tracker); });
 }
 
 void write_document(const Module& module, const TrackerView& tracker, const py::RefVector<DocumentEntry>& entries) {

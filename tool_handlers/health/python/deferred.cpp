@@ -1,9 +1,10 @@
 #include "health/python/deferred.hpp"
 
-#include <array>
-#include <cstddef>
+#include <algorithm>
 #include <span>
 #include <type_traits>
+
+#include "health/python/ref.hpp"
 
 namespace health::py {
 
@@ -12,7 +13,7 @@ namespace {
 /// What one thread has deferred between the throw and the catch of one exception. Nothing else runs on the thread
 /// meanwhile, so it belongs to one interpreter.
 struct Deferred {
-    std::array<PyObject*, 64> objects;
+    std::array<PyObject*, DeferredRefs::most> objects;
     std::size_t count;
 };
 // It is never constructed nor destroyed: a thread that is ended may leave it at any moment.
@@ -30,15 +31,18 @@ bool defer_decref(PyObject* object) {
     return true;
 }
 
-void run_deferred() {
-    if (deferred.count == 0) {
+DeferredRefs::DeferredRefs() : count_(deferred.count) {
+    std::copy_n(deferred.objects.begin(), count_, objects_.begin());
+    deferred.count = 0;
+}
+
+DeferredRefs::~DeferredRefs() noexcept(false) {
+    if (count_ == 0 || !is_attached()) {
         return;
     }
     PyObject* error = PyErr_GetRaisedException();
-    const Deferred taken = deferred;
-    deferred.count = 0;  // what runs here may defer again
-    for (PyObject* object : std::span(taken.objects).first(taken.count)) {
-        Py_DECREF(object);
+    for (PyObject* object : std::span(objects_).first(count_)) {
+        const Ref dropped = Ref::steal(object);
     }
     PyErr_SetRaisedException(error);
 }

@@ -1,5 +1,7 @@
 #include "health/python/function.hpp"
 
+#include <array>
+#include <cstdint>
 #include <type_traits>
 
 #include "health/python/object.hpp"
@@ -14,7 +16,7 @@ struct NativeFunction {
     const FunctionDef* definition;
     PyObject* owner;  // of the state; a strong reference
     void* state;
-    PyObject* code;  // compared only, never followed
+    std::uint32_t code_version;  // of the code that it was put into; no other code has it
 };
 static_assert(std::is_standard_layout_v<NativeFunction> && std::is_trivially_destructible_v<NativeFunction>);
 
@@ -39,7 +41,9 @@ inline const NativeFunction* native_of(PyObject* function) {
         return nullptr;
     }
     PyObject* native = PyTuple_GET_ITEM(constants, native_place);
-    return Py_TYPE(native)->tp_dealloc == deallocate && as_native(native).code == code ? &as_native(native) : nullptr;
+    const bool is_own = Py_TYPE(native)->tp_dealloc == deallocate &&
+                        as_native(native).code_version == reinterpret_cast<PyCodeObject*>(code)->co_version;
+    return is_own ? &as_native(native) : nullptr;
 }
 
 /// Whether a call gives every argument, each where its parameter stands.
@@ -68,8 +72,10 @@ inline PyObject* run(const NativeFunction& native, PyObject* globals, PyObject* 
         return nullptr;
     }
     const FunctionContext context{.state = native.state, .globals = globals};
-    PyObject* owner = Py_NewRef(native.owner);  // what runs may put other code in every function's place
+    PyObject* owner = Py_NewRef(native.owner);  // what runs may drop every function, or put other code in its place
+    Py_INCREF(globals);
     PyObject* result = to_runtime([&] { return native.definition->implementation(context, arguments); });
+    Py_DECREF(globals);
     Py_DECREF(owner);
     ++thread->c_recursion_remaining;
     return result;
@@ -92,7 +98,6 @@ PyObject* call_bound(PyObject* self, PyObject* const* arguments, Py_ssize_t coun
         PyErr_Format(PyExc_TypeError, "%s() is to be called by the function of that name", native.definition->name);
         return nullptr;
     }
-    const Ref held = Ref::borrow(globals);
     return run(native, globals, arguments);
 }
 
@@ -139,6 +144,9 @@ Ref make_native_function_type() {
 }
 
 void make_native(PyObject* function, const FunctionDef& definition, PyObject* native_function_type, PyObject* state) {
+    if (!PyFunction_Check(function)) {
+        raise(PyExc_TypeError, "%s must be a function, not %.100s", definition.name, Py_TYPE(function)->tp_name);
+    }
     auto* type = reinterpret_cast<PyTypeObject*>(native_function_type);
     const Ref native = Ref::steal(type->tp_alloc(type, 0));
     as_native(native.get()).definition = &definition;
@@ -151,7 +159,7 @@ void make_native(PyObject* function, const FunctionDef& definition, PyObject* na
     const Ref replace = get_attribute(code.get(), "replace");
     const Ref changed = call_vector(replace.get(), arguments.data() + 1, 0, keywords.get());
     check(PyObject_SetAttrString(function, "__code__", changed.get()));
-    as_native(native.get()).code = changed.get();
+    as_native(native.get()).code_version = reinterpret_cast<PyCodeObject*>(changed.get())->co_version;
     PyFunction_SetVectorcall(reinterpret_cast<PyFunctionObject*>(function), vectorcall);
 }
 

@@ -1,6 +1,6 @@
 // The module's functions: Python functions that run native code.
 //
-// A function is compiled by the runtime from its text, so it is one in every respect: signature, annotations, defaults,
+// A function is made by the runtime from its text, so it is one in every respect: signature, annotations, defaults,
 // attributes, the words of its argument errors. Its body only hands the bound arguments on:
 //
 //     def _known(tool: str, action: str | None) -> bool:                  the text, which gives the signature

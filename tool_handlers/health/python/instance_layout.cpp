@@ -1,7 +1,5 @@
 #include "health/python/instance_layout.hpp"
 
-#include "health/python/object.hpp"
-
 namespace health::py {
 
 void InstanceLayout::bind(PyObject* type, std::span<const Ref> names) {
@@ -10,12 +8,12 @@ void InstanceLayout::bind(PyObject* type, std::span<const Ref> names) {
     }
     type_ = reinterpret_cast<PyTypeObject*>(type);
     names_ = names;
-    watch_ = Ref::steal(PyWeakref_NewRef(type, nullptr));
+    weak_type_ = Ref::steal(PyWeakref_NewRef(type, nullptr));
     if ((type_->tp_flags & Py_TPFLAGS_MANAGED_DICT) != 0 && type_->tp_new == PyBaseObject_Type.tp_new &&
-        type_->tp_basicsize == PyBaseObject_Type.tp_basicsize && is_plain_now()) {
-        bound_version_ = reads_back() ? version_ : 0;
+        type_->tp_basicsize == PyBaseObject_Type.tp_basicsize && is_plain_now() && reads_back()) {
+        plain_type_ = type_;
+        bound_version_ = version_;
     }
-    version_ = bound_version_;
 }
 
 Ref InstanceLayout::make_bare() const {
@@ -60,7 +58,7 @@ void InstanceLayout::assert_reads_back(PyObject* object, PyObject** values) cons
 /// Looks whether attribute access is the plain one for the class as it is now, and notes its version if so.
 bool InstanceLayout::is_plain_now() {
     if (type_->tp_getattro != PyObject_GenericGetAttr || type_->tp_setattro != PyObject_GenericSetAttr ||
-        (watch_ && PyWeakref_GET_OBJECT(watch_.get()) != reinterpret_cast<PyObject*>(type_))) {
+        PyWeakref_GET_OBJECT(weak_type_.get()) != reinterpret_cast<PyObject*>(type_)) {
         return false;
     }
     for (const Ref& name : names_) {
@@ -69,8 +67,9 @@ bool InstanceLayout::is_plain_now() {
             return false;
         }
     }
-    version_ = type_->tp_version_tag;
-    return version_ != 0;
+    const bool has_version = type_->tp_version_tag != 0;
+    version_ = has_version ? type_->tp_version_tag : no_version;
+    return has_version;
 }
 
 }  // namespace health::py

@@ -52,7 +52,7 @@ public:
     }
 
     /// Whether an object, which is exactly of the class, has the class as it was when it was bound.
-    [[nodiscard]] bool is_pristine() const { return bound_version_ != 0 && type_->tp_version_tag == bound_version_; }
+    [[nodiscard]] bool is_pristine() const { return type_->tp_version_tag == bound_version_; }
     [[nodiscard]] bool is_exactly(PyObject* type) const { return type == reinterpret_cast<PyObject*>(type_); }
 
     /// A new object of the pristine class, without attributes. Runs no Python code; throws a MemoryError.
@@ -64,7 +64,7 @@ private:
     static char* word_of(PyObject* object) { return reinterpret_cast<char**>(object)[-3]; }
     static bool is_tagged(const char* word) { return (reinterpret_cast<std::uintptr_t>(word) & tag) != 0; }
     bool has_layout(PyObject* object) {
-        return Py_TYPE(object) == type_ && (type_->tp_version_tag == version_ || is_plain_now());
+        return Py_TYPE(object) == plain_type_ && (type_->tp_version_tag == version_ || is_plain_now());
     }
     bool is_plain_now();
     [[nodiscard]] bool reads_back() const;
@@ -74,11 +74,14 @@ private:
     void assert_reads_back(PyObject* /*object*/, PyObject** /*values*/) const {}
 #endif
 
-    PyTypeObject* type_ = nullptr;  // borrowed: its functions hold what holds this
-    Ref watch_;                     // a weak reference to it, to tell it from another class in its place
+    static constexpr unsigned int no_version = ~0U;  // that no class has
+
+    PyTypeObject* type_ = nullptr;        // borrowed: its functions hold what holds this
+    PyTypeObject* plain_type_ = nullptr;  // the same, if its objects are kept as told above
+    Ref weak_type_;                       // a weak reference to it, to tell it from another class in its place
     std::span<const Ref> names_;
-    unsigned int version_ = 0;  // of the class, for which the layout holds; 0 for none
-    unsigned int bound_version_ = 0;
+    unsigned int version_ = no_version;  // of the class, for which the layout holds
+    unsigned int bound_version_ = no_version;
 };
 
 }  // namespace health::py

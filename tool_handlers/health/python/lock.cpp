@@ -17,7 +17,7 @@ Ref own_method(PyTypeObject* type, const char* name) {
 /// where there is none.
 Ref manager_method(PyObject* manager, const char* name, const char* missed) {
     PyTypeObject* type = Py_TYPE(manager);
-    Ref method = Ref::borrow_optional(_PyType_Lookup(type, text(name).get()));
+    Ref method = Ref::borrow_optional(_PyType_Lookup(type, Ref::steal(PyUnicode_InternFromString(name)).get()));
     if (!method) {
         raise(PyExc_TypeError, "'%.200s' object does not support the context manager protocol%s", type->tp_name,
               missed);
@@ -34,7 +34,8 @@ void LockMethods::bind() {
     const Ref type = threads ? Ref::steal_optional(PyObject_GetAttrString(threads.get(), "LockType")) : Ref();
     PyErr_Clear();
     auto* lock_type = reinterpret_cast<PyTypeObject*>(type.get());
-    if (!type || !PyType_Check(type.get()) || !PyType_HasFeature(lock_type, Py_TPFLAGS_IMMUTABLETYPE)) {
+    if (!type || !PyType_Check(type.get()) || !PyType_HasFeature(lock_type, Py_TPFLAGS_IMMUTABLETYPE) ||
+        !PyType_HasFeature(lock_type, Py_TPFLAGS_HEAPTYPE)) {
         return;
     }
     const Ref locked = own_method(lock_type, "locked");
@@ -76,17 +77,23 @@ EnteredLock::EnteredLock(const LockMethods& methods, PyObject* lock) : methods_(
     }
 }
 
-Ref EnteredLock::leave(Ref result, Ref error) {
+void EnteredLock::leave() {
     if (exit_) {
-        return leave_manager(std::move(result), std::move(error));
-    }
-    if (error) {
-        const HandledError handled(error.get());
+        call(exit_.get(), Py_None, Py_None, Py_None);
+    } else {
         release();
-        rethrow(std::move(error));
     }
-    release();
-    return result;
+}
+
+void EnteredLock::leave_with(Ref error) {
+    const DeferredRefs dropped;  // when the lock is free
+    const HandledError handled(error.get());
+    if (!exit_) {
+        release();
+    } else if (is_swallowed(error.get())) {
+        return;
+    }
+    rethrow(std::move(error));
 }
 
 void EnteredLock::release() const {
@@ -95,20 +102,12 @@ void EnteredLock::release() const {
     }
 }
 
-Ref EnteredLock::leave_manager(Ref result, Ref error) {
-    if (!error) {
-        call(exit_.get(), Py_None, Py_None, Py_None);
-        return result;
-    }
-    const HandledError handled(error.get());
-    const Ref traceback = Ref::steal_optional(PyException_GetTraceback(error.get()));
-    const Ref is_swallowed = call(exit_.get(), reinterpret_cast<PyObject*>(Py_TYPE(error.get())), error.get(),
-                                  traceback ? traceback.get() : Py_None);
-    if (is_true(is_swallowed.get())) {
-        run_deferred();
-        return none();
-    }
-    rethrow(std::move(error));
+/// Tells the context manager of the error; whether it swallows that.
+bool EnteredLock::is_swallowed(PyObject* error) const {
+    const Ref traceback = Ref::steal_optional(PyException_GetTraceback(error));
+    const Ref answer =
+        call(exit_.get(), reinterpret_cast<PyObject*>(Py_TYPE(error)), error, traceback ? traceback.get() : Py_None);
+    return is_true(answer.get());
 }
 
 }  // namespace health::py

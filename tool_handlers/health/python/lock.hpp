@@ -59,12 +59,15 @@ public:
     /// Enters; any context manager serves as a lock. Throws what that raises.
     EnteredLock(const LockMethods& methods, PyObject* lock);
 
-    /// Leaves with the block's result, or with the error that it ended with, of which a context manager is told. The
-    /// result; None where the context manager swallowed the error. Throws the error, or what leaving raises.
-    Ref leave(Ref result, Ref error);
+    /// Leaves after a block that succeeded. Throws what leaving raises.
+    void leave();
+
+    /// Leaves after a block that ended with `error`, of which a context manager is told, and throws it again, unless
+    /// the context manager swallows it. Throws what leaving raises.
+    void leave_with(Ref error);
 
 private:
-    Ref leave_manager(Ref result, Ref error);
+    [[nodiscard]] bool is_swallowed(PyObject* error) const;
     void release() const;
 
     const LockMethods& methods_;
@@ -73,13 +76,19 @@ private:
     bool is_abandoned_ = false;
 };
 
-/// `with lock: return body()`. `body` gives a `Ref`. May wait, and runs Python code if the lock is not native.
+/// `with lock: return body()`; None where the lock swallowed an error. `body` gives a `Ref`. May wait, and runs Python
+/// code if the lock is not native.
 template <class Body>
 Ref with_lock(const LockMethods& methods, PyObject* lock, Body&& body) {
     EnteredLock entered(methods, lock);
-    Ref result;
-    Ref error = error_of([&] { result = std::forward<Body>(body)(); });
-    return entered.leave(std::move(result), std::move(error));
+    Ref result = none();
+    Ref error = caught_error_of([&] { result = std::forward<Body>(body)(); });
+    if (error) {
+        entered.leave_with(std::move(error));
+    } else {
+        entered.leave();
+    }
+    return result;
 }
 
 }  // namespace health::py

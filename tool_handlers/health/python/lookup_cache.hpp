@@ -2,8 +2,10 @@
 //
 // An entry holds a key, the value borrowed from the dictionary, and the dictionary's version: a number that no other
 // state of any dictionary of this interpreter has. It serves while the dictionary has that version, so an answer is
-// always what a look-up would give, and it is found without running Python code, and without building the key where
-// that is a tuple. Each key has one place; another that has the same one takes it over.
+// what a look-up in a dictionary of plain keys would give, and it is found without running Python code, and without
+// building the key where that is a tuple. Each key has one place; another that has the same one takes it over.
+//
+// An entry keeps its key alive until another takes its place, also when the dictionary is gone: at most 1,024 keys.
 //
 // Only plain keys are held: exactly a str, or a tuple of parts that are exactly str, None or bool. Comparing those runs
 // no Python code, and neither does dropping them.

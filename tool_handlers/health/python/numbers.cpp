@@ -42,9 +42,9 @@ double round_to(double value, int digits) {
 }
 
 Ref round_by_runtime(PyObject* value, int digits) {
-    const Ref builtins = Ref::steal(PyImport_ImportModule("builtins"));
-    const Ref count = Ref::steal(PyLong_FromLong(digits));
-    return call(get_attribute(builtins.get(), "round").get(), value, count.get());
+    const Ref name = text("round");
+    const Ref round = Ref::steal(PyObject_GetItem(PyEval_GetBuiltins(), name.get()));
+    return call(round.get(), value, integer(digits).get());
 }
 
 }  // namespace health::py

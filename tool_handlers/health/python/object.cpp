@@ -4,18 +4,16 @@ namespace health::py {
 
 Ref PlainAttribute::get(PyObject* object, PyObject* name) {
     PyTypeObject* type = Py_TYPE(object);
-    if (version_ == 0 || type->tp_version_tag != version_) {
-        if (!is_plain(type, name)) {
-            return {};
-        }
+    Py_INCREF(object);  // without a guard: this is on every failed call's path
+    if ((version_ == 0 || type->tp_version_tag != version_) && is_plain(type, name)) {
         version_ = type->tp_version_tag;
     }
-    Py_INCREF(object);  // without a guard: this is on every failed call's path
-    PyObject* value = PyObject_GenericGetAttr(object, name);
-    Py_DECREF(object);
-    if (value == nullptr) {
+    const bool is_known = version_ != 0 && type->tp_version_tag == version_;
+    PyObject* value = is_known ? PyObject_GenericGetAttr(object, name) : nullptr;
+    if (is_known && value == nullptr) {
         PyErr_Clear();
     }
+    Py_DECREF(object);
     return Ref::steal_optional(value);
 }
 

@@ -19,7 +19,8 @@ inline Ref get_attribute(PyObject* object, PyObject* name) {
 /// Reads one attribute of objects that are mostly of one class.
 class PlainAttribute {
 public:
-    /// The attribute if reading it can run no Python code; else empty, with no error set.
+    /// The attribute if the class has plain access to it; else empty, with no error set. It runs Python code only where
+    /// an odd key in a namespace is compared with the name; so read what you rely on afterwards.
     Ref get(PyObject* object, PyObject* name);
 
 private:

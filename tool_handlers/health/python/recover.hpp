@@ -11,10 +11,10 @@
 
 namespace health::py {
 
-/// Runs `body`; the error it ends with, taken out of the indicator, or an empty reference. Everything that catches is
-/// made of this.
+/// Runs `body`; the error it ends with, taken out of the indicator, or an empty reference. The caller takes what was
+/// deferred meanwhile. Everything that catches is made of this.
 template <class Body>
-Ref error_of(Body&& body) {
+Ref caught_error_of(Body&& body) {
     try {
         std::forward<Body>(body)();
         return {};
@@ -27,6 +27,16 @@ Ref error_of(Body&& body) {
         PyErr_NoMemory();  // which the runtime leaves unsaid here and there
     }
     return Ref::steal_optional(PyErr_GetRaisedException());
+}
+
+/// The same, and drops what was deferred.
+template <class Body>
+Ref error_of(Body&& body) {
+    Ref error = caught_error_of(std::forward<Body>(body));
+    if (error) {
+        const DeferredRefs dropped;
+    }
+    return error;
 }
 
 /// Sets an error of `error_of` again, and throws.
@@ -42,7 +52,6 @@ PyObject* to_runtime(Body&& body) {
     Ref error = error_of([&] { result = body().release(); });
     if (error) {
         PyErr_SetRaisedException(error.release());
-        run_deferred();
     }
     return result;
 }
@@ -73,7 +82,6 @@ template <class Body, class Recover>
 void recovering(Body&& body, Recover&& recover) {
     Ref error = error_of(std::forward<Body>(body));
     if (error) {
-        run_deferred();
         const HandledError handled(error.get());
         std::forward<Recover>(recover)();
         rethrow(std::move(error));
@@ -90,7 +98,6 @@ bool guarded(Body&& body, Handle&& handle) {
     if (PyErr_GivenExceptionMatches(error.get(), PyExc_Exception) == 0) {
         rethrow(std::move(error));
     }
-    run_deferred();
     const HandledError handled(error.get());
     std::forward<Handle>(handle)(error.get());
     return false;

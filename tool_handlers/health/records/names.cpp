@@ -1,7 +1,5 @@
 #include "health/records/names.hpp"
 
-#include "health/python/object.hpp"
-
 namespace health {
 
 void Names::intern() {

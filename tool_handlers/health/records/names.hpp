@@ -13,7 +13,7 @@ namespace health {
 // One list: each name becomes a member of `Name` and the text it stands for.
 // clang-format off
 #define HEALTH_NAMES(NAME) \
-    NAME(TOOLS) NAME(ToolHealthTracker) NAME(TOOL_USAGE_KEY) NAME(ToolsConfig) NAME(Lock) NAME(None) \
+    NAME(TOOLS) NAME(JSONEncoder) NAME(ToolHealthTracker) NAME(TOOL_USAGE_KEY) NAME(ToolsConfig) NAME(Lock) NAME(None) \
     NAME(_SQLITE_TIMESTAMP) NAME(_TOOL_HEALTH_COLUMNS) NAME(_ToolState) NAME(_Usage) NAME(_dirty) NAME(_epoch) \
     NAME(_flush_health) NAME(_flush_usage) NAME(_known) NAME(_limits) NAME(_load) NAME(_load_usage) NAME(_lock) \
     NAME(_repo) NAME(_sqlite_time) NAME(_state) NAME(_usage) NAME(_usage_dirty) NAME(_usage_rows) NAME(action) \

@@ -13,7 +13,6 @@
 
 #include "health/python/dict.hpp"
 #include "health/python/instance_layout.hpp"
-#include "health/python/numbers.hpp"
 #include "health/python/object.hpp"
 #include "health/python/ref.hpp"
 #include "health/records/names.hpp"

@@ -60,7 +60,9 @@ ToolEntry& ToolTable::append(PyObject* name, Ref state) {
 }
 
 void ToolTable::add_states(PyObject* states) {
-    for (MappingEntry& entry : list_entries(module_, states)) {
+    const bool is_dict = PyDict_CheckExact(states);
+    const Ref table = is_dict ? Ref::borrow(states) : py::call(reinterpret_cast<PyObject*>(&PyDict_Type), states);
+    for (MappingEntry& entry : list_entries(module_, table.get())) {
         append(entry.key.get(), std::move(entry.record));
     }
 }

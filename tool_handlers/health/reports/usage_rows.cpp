@@ -111,7 +111,7 @@ Order order_of_rows(const Module& module, const UsageLines& lines) {
     return order_by_runtime(lines.size(), [&](std::size_t index) {
         const UsageLine& line = lines[index];
         const Ref calls = py::minus(calls_of(line).get());
-        const Ref action = Ref::steal(PyObject_Str(line.action));
+        const Ref action = py::to_text(line.action);
         return py::make_tuple(calls.get(), action.get(), line.outcome, line.alias_hit);
     });
 }

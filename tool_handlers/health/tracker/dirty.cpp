@@ -1,5 +1,7 @@
 #include "health/tracker/dirty.hpp"
 
+#include "health/python/numbers.hpp"
+
 #include "health/tracker/mapping.hpp"
 #include "health/tracker/section.hpp"
 
@@ -50,6 +52,10 @@ bool is_any_dirty(const TrackerView& tracker) {
 bool is_everything_dirty(const TrackerView& tracker) {
     PyObject* flag = tracker.get_stored(usage_dirty);
     return flag != nullptr && py::is_compact(flag) && py::compact_value(flag) == everything;
+}
+
+Ref mark_usage_dirty(const TrackerView& tracker) {
+    return is_everything_dirty(tracker) ? Ref() : tracker.exchange(usage_dirty, py::boolean(true));
 }
 
 Ref take_dirty(const Module& module, const TrackerView& tracker) {

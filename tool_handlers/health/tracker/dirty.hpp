@@ -24,6 +24,9 @@ bool is_any_dirty(const TrackerView& tracker);
 /// Whether every tool counts as dirty. Runs no Python code where the tracker has the attribute access of its class.
 bool is_everything_dirty(const TrackerView& tracker);
 
+/// `tracker._usage_dirty = True`, but where it says already that everything is dirty. The value it replaced.
+py::Ref mark_usage_dirty(const TrackerView& tracker);
+
 /// Takes the names out: a new list in ascending order, which nobody else can find. When it fails, they are where they
 /// were.
 py::Ref take_dirty(const Module& module, const TrackerView& tracker);

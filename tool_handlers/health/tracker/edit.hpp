@@ -20,6 +20,7 @@
 #include <span>
 #include <utility>
 
+#include "health/python/numbers.hpp"
 #include "health/python/recover.hpp"
 #include "health/python/ref.hpp"
 #include "health/records/view.hpp"
@@ -118,45 +119,65 @@ private:
     struct Step {
         Field field;
         PyObject* replaced;  // owned; NULL where there was nothing, or where it cannot be put back
+        PyObject* put;       // owned; what the step put in place. NULL in an elided section, where nothing else can
     };
 
-    [[gnu::always_inline]] void replace_elided(Field field, py::Ref value) {
-        add_step(field, std::exchange(values_[field], value.release()));
-    }
-    [[gnu::noinline]] void set_by_view(Field field, py::Ref value) {
-        add_step(field, view().exchange(field, std::move(value)).release());
-    }
-    [[gnu::noinline]] void increment_any(Field field) { set(field, py::incremented(get(field).get())); }
-    void add_step(Field field, PyObject* replaced) {
-        assert(count_ < steps_.size());
-        steps_[count_++] = {.field = field, .replaced = replaced};
-    }
     [[nodiscard]] View<Fields> view() const { return {class_, record_.get()}; }
     [[nodiscard]] std::span<Step> steps() { return std::span(steps_).first(count_); }
 
+    void add_step(Step step) {
+        assert(count_ < steps_.size());
+        steps_[count_++] = step;
+    }
+    [[gnu::always_inline]] void replace_elided(Field field, py::Ref value) {
+        add_step({.field = field, .replaced = std::exchange(values_[field], value.release()), .put = nullptr});
+    }
+    [[gnu::noinline]] void set_by_view(Field field, py::Ref value) {
+        py::Ref put = py::Ref::borrow(value.get());
+        py::Ref replaced = view().exchange(field, std::move(value));
+        add_step({.field = field, .replaced = replaced.release(), .put = put.release()});
+    }
+    [[gnu::noinline]] void increment_any(Field field) { set(field, py::incremented(get(field).get())); }
+
     [[gnu::noinline]] void drop_steps() {
         for (const Step& step : steps()) {
-            const py::Ref dropped = py::Ref::steal_optional(step.replaced);
+            const py::Ref put = py::Ref::steal_optional(step.put);
+            const py::Ref replaced = py::Ref::steal_optional(step.replaced);
         }
     }
 
-    /// Exchanges the values back, which needs no memory.
+    /// Exchanges the values back, which needs no memory; but not what other calls, made by host code in the middle of
+    /// this one, have put in place since.
     void undo() {
+        bool is_undone = true;
         for (Step& step : steps()) {
-            if (step.replaced == nullptr) {
-                continue;
-            }
-            py::Ref value = py::Ref::steal(std::exchange(step.replaced, nullptr));
             if (values_ != nullptr) {
-                value.swap_with(values_[step.field]);
+                std::swap(step.replaced, values_[step.field]);
             } else {
-                const py::Ref failure = py::error_of([&] { value = view().exchange(step.field, std::move(value)); });
+                is_undone = undo_by_view(step) && is_undone;
             }
-            step.replaced = value.release();
         }
-        if (mapping_) {
-            const py::Ref failure = py::error_of([&] { py::check(PyObject_DelItem(mapping_.get(), key_.get())); });
+        if (mapping_ && is_undone) {
+            const py::Ref failure = py::error_of([&] { remove_added(); });
         }
+    }
+
+    void remove_added() {
+        if (py::get_item(mapping_.get(), key_.get()).get() == record_.get()) {
+            py::check(PyObject_DelItem(mapping_.get(), key_.get()));
+        }
+    }
+
+    bool undo_by_view(Step& step) {
+        bool is_undone = false;
+        const py::Ref failure = py::error_of([&] {
+            if (step.replaced != nullptr && view().get_stored(step.field) == step.put) {
+                py::Ref value = py::Ref::steal(std::exchange(step.replaced, nullptr));
+                step.replaced = view().exchange(step.field, std::move(value)).release();
+                is_undone = true;
+            }
+        });
+        return is_undone;
     }
 
     ObjectClass<Fields>& class_;

@@ -17,10 +17,11 @@ template <std::size_t Count>
 py::Ref look_up(const Module& module, PyObject* mapping, const py::LookupCache::Key<Count>& parts, PyObject* key) {
     if (PyDict_CheckExact(mapping)) {
         PyObject* found = py::find(mapping, key);
-        if (found != nullptr) {
-            module.state.lookups.remember(mapping, parts, key, found);
+        if (found == nullptr || found == Py_None) {
+            return {};
         }
-        return py::Ref::borrow_optional(found);
+        module.state.lookups.remember(mapping, parts, key, found);
+        return py::Ref::borrow(found);
     }
     py::Ref found = py::call_method(mapping, module[Name::get], key);
     return found.get() == Py_None ? py::Ref() : std::move(found);

@@ -24,9 +24,8 @@ constexpr Py_ssize_t longest_error = 500;  // characters of an error's text that
 
 /// What an outcome is recorded with in an elided section.
 struct Prepared {
-    PyObject** values =
-        nullptr;  // of the tool's record, good until Python code may run; nullptr where the lock is to be taken
-    Ref now;      // epoch seconds if the clock was read already, which serves either way
+    PyObject** values = nullptr;  // of the tool's record, good until Python code may run; nullptr to take the lock
+    ClockReading clock;           // serves either way
 };
 
 // Those marked `inline` are on the path of every call. (Measured: 4 % of record_success.)
@@ -51,27 +50,29 @@ inline bool are_plain(PyObject** values) {
            PyLong_CheckExact(values[consecutive_errors]);
 }
 
-/// The clock is read first: what it does is its own matter, and everything else is read afterwards. The tool must be
-/// known, and dirty already.
+/// The tool must be known, and dirty already. The clock is read while the lock is free, and everything else afterwards:
+/// what the clock does is its own matter.
 inline Prepared prepare(const Module& module, const TrackerView& tracker, PyObject* tool_name) {
     Prepared prepared;
-    prepared.now = module.state.clock.read_natively(module.state.names, module.globals);
-    PyObject** fields = fields_if_free(module, tracker);
-    if (fields == nullptr) {
-        prepared.now = Ref();  // there may be a wait for the lock
+    if (fields_if_free(module, tracker) == nullptr) {
         return prepared;
     }
-    PyObject* record = find_known(module, fields, tool_name);
+    prepared.clock = module.state.clock.read_natively(module.state.names, module.globals);
+    PyObject** fields = fields_if_free(module, tracker);
+    PyObject* record = fields == nullptr ? nullptr : find_known(module, fields, tool_name);
     PyObject** values = record == nullptr ? nullptr : module.state.tool_state.layout.values_of(record);
-    if (prepared.now && are_plain(values) && py::is_seen_in(fields[TrackerFields::dirty], tool_name)) {
+    if (prepared.clock.now && are_plain(values) && py::is_seen_in(fields[TrackerFields::dirty], tool_name)) {
         prepared.values = values;
     }
     return prepared;
 }
 
-/// Epoch seconds now.
-Ref now_of(const Module& module, Prepared& prepared) {
-    return prepared.now ? std::move(prepared.now) : Clock::read(module.state.names, module.globals);
+/// Epoch seconds now, read once.
+Ref now_of(const Module& module, ClockReading& clock) {
+    if (clock.error) {
+        py::rethrow(std::move(clock.error));
+    }
+    return clock.now ? std::move(clock.now) : Clock::read(module.state.names, module.globals);
 }
 
 /// Begins an edit of the tool's record, or of a new one. The lock is held.
@@ -130,15 +131,14 @@ Ref disabled_answer(const Module& module, PyObject* error) {
 }
 
 /// Whether the answer about a tool with these values, which may be nullptr, takes comparing plain times only: it is
-/// disabled, and the class still has its `cooldown_s`.
+/// disabled, and the class still has its own `cooldown_s`.
 inline bool is_plainly_disabled(const Module& module, PyObject** values) {
     return values != nullptr && values[disabled_at] != nullptr && PyFloat_CheckExact(values[disabled_at]) &&
-           values[last_error] != nullptr && module.state.tracker.layout.is_pristine();
+           values[last_error] != nullptr && module.has_own_cooldown(cooldown_def);
 }
 
 /// The answer in an elided section, about a tool that is enabled or whose cooldown runs; empty where it takes more.
-/// Where the clock was read, `now` has it.
-Ref answer_elided(const Module& module, const TrackerView& tracker, PyObject* tool_name, Ref& now) {
+Ref answer_elided(const Module& module, const TrackerView& tracker, PyObject* tool_name, ClockReading& clock) {
     PyObject** values = find_values(module, tracker, tool_name);
     if (values != nullptr && values[disabled_at] == Py_None) {
         return Ref::borrow(module.state.enabled_answer.get());
@@ -146,16 +146,15 @@ Ref answer_elided(const Module& module, const TrackerView& tracker, PyObject* to
     if (!is_plainly_disabled(module, values)) {
         return {};
     }
-    now = module.state.clock.read_natively(module.state.names, module.globals);
-    PyObject** fields = module.state.tracker.layout.values_of(tracker.object());
-    PyObject* limits = fields == nullptr ? nullptr : fields[TrackerFields::limits];
-    const Ref cooldown = plain_setting(limits, module.state.disable_cooldown_s, module[Name::disable_cooldown_s]);
-    values = find_values(module, tracker, tool_name);  // again: what the clock does is its own matter
-    if (!now || !PyFloat_CheckExact(now.get()) || !is_plainly_disabled(module, values)) {
+    clock = module.state.clock.read_natively(module.state.names, module.globals);
+    const Ref cooldown = plain_setting(tracker.get_borrowed(TrackerFields::limits), module.state.disable_cooldown_s,
+                                       module[Name::disable_cooldown_s]);
+    values = find_values(module, tracker, tool_name);  // again: the clock and the settings may have run Python code
+    if (!cooldown || !clock.now || !PyFloat_CheckExact(clock.now.get()) || !is_plainly_disabled(module, values)) {
         return {};
     }
-    const double elapsed = PyFloat_AS_DOUBLE(now.get()) - PyFloat_AS_DOUBLE(values[disabled_at]);
-    return cooldown && is_less(elapsed, cooldown.get()) ? disabled_answer(module, values[last_error]) : Ref();
+    const double elapsed = PyFloat_AS_DOUBLE(clock.now.get()) - PyFloat_AS_DOUBLE(values[disabled_at]);
+    return is_less(elapsed, cooldown.get()) ? disabled_answer(module, values[last_error]) : Ref();
 }
 
 /// Whether the cooldown of a tool disabled at `since` is over. The lock is held.
@@ -177,7 +176,7 @@ Ref record_success(const Module& module, PyObject* self, PyObject* tool_name) {
             edit.increment(call_count);
             edit.set(consecutive_errors, py::integer(0));
             edit.set(disabled_at, py::none());
-            edit.set(updated_at, now_of(module, prepared));
+            edit.set(updated_at, now_of(module, prepared.clock));
             if (!is_elided) {
                 mark_dirty(module, tracker, tool_name);
             }
@@ -200,7 +199,7 @@ Ref record_error(const Module& module, PyObject* self, PyObject* tool_name, PyOb
             edit.increment(error_count);
             edit.increment(consecutive_errors);
             edit.set(last_error, shorten(error));
-            edit.set(updated_at, now_of(module, prepared));
+            edit.set(updated_at, now_of(module, prepared.clock));
             const auto run = edit.get(consecutive_errors);
             if (!is_elided) {
                 threshold = disable_after_errors(module, tracker.get(TrackerFields::limits).get());
@@ -218,8 +217,8 @@ Ref record_error(const Module& module, PyObject* self, PyObject* tool_name, PyOb
 
 Ref is_disabled(const Module& module, PyObject* self, PyObject* tool_name) {
     const TrackerView tracker = module.tracker(self);
-    Prepared prepared;
-    Ref answer = answer_elided(module, tracker, tool_name, prepared.now);
+    ClockReading clock;
+    Ref answer = answer_elided(module, tracker, tool_name, clock);
     if (answer) {
         return answer;
     }
@@ -233,8 +232,8 @@ Ref is_disabled(const Module& module, PyObject* self, PyObject* tool_name) {
         if (edit.get(disabled_at).get() == Py_None) {
             return Ref::borrow(module.state.enabled_answer.get());
         }
-        prepared.now = now_of(module, prepared);  // dies, as what is replaced does, when the lock is free
-        PyObject* now = prepared.now.get();
+        clock.now = now_of(module, clock);  // dies, as what is replaced does, when the lock is free
+        PyObject* now = clock.now.get();
         if (!is_cooldown_over(module, self, now, edit.get(disabled_at).get())) {
             return disabled_answer(module, edit.get(last_error).get());
         }

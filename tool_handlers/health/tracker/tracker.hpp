@@ -37,6 +37,7 @@ py::Ref record_error(const Module& module, PyObject* self, PyObject* tool_name, 
 py::Ref is_disabled(const Module& module, PyObject* self, PyObject* tool_name);
 /// Seconds, as the settings have them. Takes no lock.
 py::Ref cooldown_s(const Module& module, PyObject* self);
+inline constexpr py::FunctionDef cooldown_def = Implementation<cooldown_s>::define("cooldown_s");
 
 // usage.cpp: counts by tool, action, outcome and use of synonyms. Enters the lock's section once.
 

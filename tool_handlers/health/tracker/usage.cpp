@@ -53,11 +53,6 @@ void begin(Edit<UsageFields>& edit, const Module& module, const TrackerView& tra
     edit.begin_added(std::move(record), std::move(mapping), key);
 }
 
-/// `tracker._usage_dirty = True`, but where it says more already. The value it replaced.
-Ref mark_usage_dirty(const TrackerView& tracker) {
-    return is_everything_dirty(tracker) ? Ref() : tracker.exchange(TrackerFields::usage_dirty, py::boolean(true));
-}
-
 }  // namespace
 
 Ref record_call(const Module& module, PyObject* self, PyObject* tool_name, PyObject* action, PyObject* outcome,
