@@ -62,12 +62,12 @@ void make_functions_native(PyObject* module, PyObject* state) {
     const auto make_native = [&](PyObject* owner, const py::FunctionDef& definition) {
         py::make_native(function_of(owner, definition.name).get(), definition, type.get(), state);
     };
-    for (const py::FunctionDef* definition : module_functions()) {
-        make_native(module, *definition);
+    for (const py::FunctionDef& definition : module_functions()) {
+        make_native(module, definition);
     }
     const Ref tracker = py::get_attribute(module, "ToolHealthTracker");
-    for (const py::FunctionDef* definition : tracker_members()) {
-        make_native(tracker.get(), *definition);
+    for (const py::FunctionDef& definition : tracker_members()) {
+        make_native(tracker.get(), definition);
     }
 }
 

@@ -17,11 +17,15 @@ constexpr py::FunctionDef define(const char* name) {
     return Implementation<function>::define(name);
 }
 
-constexpr py::FunctionDef performance_def = define<performance_report>("handle_get_tool_performance_stats");
-constexpr py::FunctionDef thread_census_def = define<thread_census_report>("thread_census_report");
-constexpr std::array functions{&sqlite_time_def, &epoch_def, &known_def, &performance_def, &thread_census_def};
+constexpr std::array functions{
+    sqlite_time_def,
+    epoch_def,
+    known_def,
+    define<performance_report>("handle_get_tool_performance_stats"),
+    define<thread_census_report>("thread_census_report"),
+};
 
-constexpr std::array member_defs{
+constexpr std::array members{
     define<initialise>("__init__"),
     define<limits_of>("limits"),
     define<load>("_load"),
@@ -29,29 +33,23 @@ constexpr std::array member_defs{
     define<record_call>("record_call"),
     define<record_success>("record_success"),
     define<record_error>("record_error"),
+    cooldown_def,
     define<is_disabled>("is_disabled"),
     define<health_summary>("get_health_summary"),
+    usage_rows_def,
     define<has_unsaved_changes>("has_unsaved_changes"),
     define<flush>("flush"),
     define<flush_usage>("_flush_usage"),
     define<flush_health>("_flush_health"),
 };
 
-constexpr auto members = [] {
-    std::array<const py::FunctionDef*, member_defs.size() + 2> list{&usage_rows_def, &cooldown_def};
-    for (std::size_t index = 0; index < member_defs.size(); ++index) {
-        list.at(index + 2) = &member_defs.at(index);
-    }
-    return list;
-}();
-
 }  // namespace
 
-std::span<const py::FunctionDef* const> module_functions() {
+std::span<const py::FunctionDef> module_functions() {
     return functions;
 }
 
-std::span<const py::FunctionDef* const> tracker_members() {
+std::span<const py::FunctionDef> tracker_members() {
     return members;
 }
 

@@ -14,7 +14,7 @@ extern const char surface[];
 extern const std::size_t surface_size;
 
 /// The module's functions and the tracker's members, properties included.
-std::span<const py::FunctionDef* const> module_functions();
-std::span<const py::FunctionDef* const> tracker_members();
+std::span<const py::FunctionDef> module_functions();
+std::span<const py::FunctionDef> tracker_members();
 
 }  // namespace health

@@ -1,7 +1,5 @@
 #include "health/host/registry.hpp"
 
-#include "health/python/dict.hpp"
-
 namespace health {
 
 using py::Ref;
@@ -10,12 +8,7 @@ namespace {
 
 /// `TOOLS.get(tool)`: the tool's description, or None.
 Ref look_up(const Module& module, PyObject* tool) {
-    const Ref tools = module.get(Name::TOOLS);
-    if (!PyDict_CheckExact(tools.get())) {
-        return py::call_method(tools.get(), module[Name::get], tool);
-    }
-    PyObject* found = py::find(tools.get(), tool);
-    return Ref::borrow(found == nullptr ? Py_None : found);
+    return py::call_method(module.get(Name::TOOLS).get(), module[Name::get], tool);
 }
 
 }  // namespace

@@ -169,7 +169,7 @@ bool is_original(PyObject* object, const FunctionDef& definition, PyObject* glob
         return false;
     }
     const NativeFunction* native = native_of(object);
-    return native != nullptr && native->definition == &definition;
+    return native != nullptr && native->definition->implementation == definition.implementation;
 }
 
 }  // namespace health::py

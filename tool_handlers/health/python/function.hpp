@@ -46,8 +46,8 @@ Ref make_native_function_type();
 /// the implementation gets; the function holds it. Throws where the function has not got the form above.
 void make_native(PyObject* function, const FunctionDef& definition, PyObject* native_function_type, PyObject* state);
 
-/// Whether an object is the function of `globals` that runs `definition`, with the code that it was made with: then
-/// running the implementation is the same as calling it. Runs no Python code.
+/// Whether an object is the function of `globals` that runs `definition`'s implementation, with the code that it was
+/// made with: then running the implementation is the same as calling it. Runs no Python code.
 bool is_original(PyObject* object, const FunctionDef& definition, PyObject* globals);
 
 }  // namespace health::py
