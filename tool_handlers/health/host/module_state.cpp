@@ -27,18 +27,15 @@ Ref json_attribute(const Names& names, PyObject* globals, Name name) {
 
 /// A function of the module `json`, if it is the one that module defines; else empty.
 Ref json_function(const Names& names, PyObject* globals, Name name) {
-    PyObject* json = py::find(globals, names[Name::json]);
-    if (json == nullptr || !PyModule_CheckExact(json)) {
+    Ref function = json_attribute(names, globals, name);
+    if (!function || !PyFunction_Check(function.get())) {
         return {};
     }
-    PyObject* namespace_of_json = PyModule_GetDict(json);
-    PyObject* function = py::find(namespace_of_json, names[name]);
-    const bool is_own =
-        function != nullptr && PyFunction_Check(function) && PyFunction_GET_GLOBALS(function) == namespace_of_json &&
-        reinterpret_cast<PyFunctionObject*>(function)->func_closure == nullptr &&
-        PyUnicode_Compare(reinterpret_cast<PyCodeObject*>(PyFunction_GET_CODE(function))->co_qualname, names[name]) ==
-            0;
-    return is_own ? Ref::borrow(function) : Ref();
+    const auto& code = *reinterpret_cast<PyCodeObject*>(PyFunction_GET_CODE(function.get()));
+    PyObject* json = py::find(globals, names[Name::json]);
+    const bool is_own = PyFunction_GET_GLOBALS(function.get()) == PyModule_GetDict(json) && code.co_nfreevars == 0 &&
+                        PyUnicode_Compare(code.co_qualname, names[name]) == 0;
+    return is_own ? std::move(function) : Ref();
 }
 
 /// A type of the runtime's native module `datetime`; empty where something else stands in its place.

@@ -12,14 +12,12 @@ namespace health {
 /// Whether the registry holds the tool.
 bool has_tool(const Module& module, PyObject* tool);
 
-/// Whether the registry holds the tool and, where `action` is not None, the tool has that action.
-bool has_action(const Module& module, PyObject* tool, PyObject* action);
-
-/// `_known(tool, action)`: a bool.
+/// `_known(tool, action)`: whether the registry holds the tool and, where `action` is not None, the tool has that
+/// action.
 py::Ref known(const Module& module, PyObject* tool, PyObject* action);
 inline constexpr py::FunctionDef known_def = Implementation<known>::define("_known");
 
-/// As `has_action`, by way of the namespace's `_known`.
+/// The same, by way of the namespace's `_known`.
 bool is_known(const Module& module, PyObject* tool, PyObject* action);
 
 }  // namespace health

@@ -75,27 +75,20 @@ bool DocumentWriter::is_own_encoder(PyObject* json, PyObject* dumps) const {
 }
 
 void DocumentWriter::add_entry(const DocumentEntry& entry) {
-    out_ += '{';
-    add_member("tool", member_of(entry.key, key_tool));
-    out_ += ',';
-    add_member("action", member_of(entry.key, key_action));
-    out_ += ',';
-    add_member("outcome", member_of(entry.key, key_outcome));
-    out_ += ',';
-    add_member("alias_hit", member_of(entry.key, key_alias_hit));
-    out_ += ',';
-    add_member("calls", entry.calls.get());
-    out_ += ',';
-    add_member("timed_calls", entry.timed_calls.get());
+    add_member(R"({"tool":)", member_of(entry.key, key_tool));
+    add_member(R"(,"action":)", member_of(entry.key, key_action));
+    add_member(R"(,"outcome":)", member_of(entry.key, key_outcome));
+    add_member(R"(,"alias_hit":)", member_of(entry.key, key_alias_hit));
+    add_member(R"(,"calls":)", entry.calls.get());
+    add_member(R"(,"timed_calls":)", entry.timed_calls.get());
     out_ += R"(,"total_ms":)";
     add_total(entry.total_ms.get());
     out_ += '}';
 }
 
-void DocumentWriter::add_member(std::string_view name, PyObject* value) {
-    out_ += '"';
-    out_ += name;
-    out_ += R"(":)";
+/// `begin` is what stands before the value.
+void DocumentWriter::add_member(std::string_view begin, PyObject* value) {
+    out_ += begin;
     add_value(value);
 }
 

@@ -35,7 +35,7 @@ public:
 private:
     [[nodiscard]] bool is_own_encoder(PyObject* json, PyObject* dumps) const;
     void add_entry(const DocumentEntry& entry);
-    void add_member(std::string_view name, PyObject* value);
+    void add_member(std::string_view begin, PyObject* value);
     void add_total(PyObject* total_ms);
     void add_value(PyObject* value);
     void add_text(PyObject* value);

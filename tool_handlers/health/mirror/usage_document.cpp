@@ -36,25 +36,22 @@ Ref fetch_document(const Module& module, const TrackerView& tracker) {
 }
 
 /// The entries of a loaded table whose tool and action the registry still has, in their order.
-py::RefVector<MappingEntry> keep_known(const Module& module, PyObject* loaded) {
-    py::RefVector<MappingEntry> kept;
-    for (MappingEntry& entry : list_entries(module, loaded)) {
+Ref keep_known(const Module& module, PyObject* loaded) {
+    Ref kept = Ref::steal(PyDict_New());
+    for (const MappingEntry& entry : list_entries(module, loaded)) {
         if (is_known(module, member_of(entry.key, key_tool), member_of(entry.key, key_action))) {
-            kept.push_back(std::move(entry));
+            py::check(PyDict_SetItem(kept.get(), entry.key.get(), entry.record.get()));
         }
     }
     return kept;
 }
 
-/// `mapping.update(kept)`.
-void update(const Module& module, PyObject* mapping, const py::RefVector<MappingEntry>& kept) {
-    const bool is_plain = PyDict_CheckExact(mapping);
-    const Ref table = is_plain ? Ref::borrow(mapping) : Ref::steal(PyDict_New());
-    for (const MappingEntry& entry : kept) {
-        py::check(PyDict_SetItem(table.get(), entry.key.get(), entry.record.get()));
-    }
-    if (!is_plain) {
-        py::call_method(mapping, module[Name::update], table.get());
+/// `mapping.update(table)`.
+void update(const Module& module, PyObject* mapping, PyObject* table) {
+    if (PyDict_CheckExact(mapping)) {
+        py::check(PyDict_Update(mapping, table));
+    } else {
+        py::call_method(mapping, module[Name::update], table);
     }
 }
 
@@ -129,11 +126,11 @@ void load_usage(const Module& module, PyObject* self) {
     if (!is_read) {
         return;
     }
-    const auto loaded_count = static_cast<std::size_t>(PyDict_GET_SIZE(loaded.get()));
-    const py::RefVector<MappingEntry> kept = keep_known(module, loaded.get());
+    const Ref kept = keep_known(module, loaded.get());
     in_section(module, tracker, [&] {
-        update(module, tracker.get(TrackerFields::usage).get(), kept);
-        tracker.set(TrackerFields::usage_dirty, py::boolean(kept.size() < loaded_count));
+        update(module, tracker.get(TrackerFields::usage).get(), kept.get());
+        const bool is_any_dropped = PyDict_GET_SIZE(kept.get()) < PyDict_GET_SIZE(loaded.get());
+        tracker.set(TrackerFields::usage_dirty, py::boolean(is_any_dropped));
         return py::none();
     });
 }
