@@ -46,6 +46,4 @@ PyModuleDef definition = {.m_base = PyModuleDef_HEAD_INIT,
 
 }  // namespace
 
-PyMODINIT_FUNC PyInit_health_floor() {
-    return PyModuleDef_Init(&definition);
-}
+PyMODINIT_FUNC PyInit_health_floor() { return PyModuleDef_Init(&definition); }

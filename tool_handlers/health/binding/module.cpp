@@ -107,6 +107,4 @@ PyModuleDef definition = {
 
 }  // namespace health
 
-PyMODINIT_FUNC PyInit_health() {
-    return PyModuleDef_Init(&health::definition);
-}
+PyMODINIT_FUNC PyInit_health() { return PyModuleDef_Init(&health::definition); }

@@ -45,12 +45,8 @@ constexpr std::array members{
 
 }  // namespace
 
-std::span<const py::FunctionDef> module_functions() {
-    return functions;
-}
+std::span<const py::FunctionDef> module_functions() { return functions; }
 
-std::span<const py::FunctionDef> tracker_members() {
-    return members;
-}
+std::span<const py::FunctionDef> tracker_members() { return members; }
 
 }  // namespace health

@@ -13,9 +13,7 @@ Ref look_up(const Module& module, PyObject* tool) {
 
 }  // namespace
 
-bool has_tool(const Module& module, PyObject* tool) {
-    return look_up(module, tool).get() != Py_None;
-}
+bool has_tool(const Module& module, PyObject* tool) { return look_up(module, tool).get() != Py_None; }
 
 Ref known(const Module& module, PyObject* tool, PyObject* action) {
     const Ref description = look_up(module, tool);

@@ -9,9 +9,7 @@
 namespace health {
 
 /// New settings with the configuration's defaults: `ToolsConfig()`. Runs Python code.
-inline py::Ref default_settings(const Module& module) {
-    return py::call(module.get(Name::ToolsConfig).get());
-}
+inline py::Ref default_settings(const Module& module) { return py::call(module.get(Name::ToolsConfig).get()); }
 
 /// How many errors in a row disable a tool. May run Python code.
 inline py::Ref disable_after_errors(const Module& module, PyObject* limits) {

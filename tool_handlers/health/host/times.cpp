@@ -34,9 +34,7 @@ bool is_own_calendar(const Module& module) {
            module.is_original(Name::_SQLITE_TIMESTAMP, originals.sqlite_timestamp);
 }
 
-Ref utc(const Module& module) {
-    return py::get_attribute(module.get(Name::timezone).get(), module[Name::utc]);
-}
+Ref utc(const Module& module) { return py::get_attribute(module.get(Name::timezone).get(), module[Name::utc]); }
 
 /// `datetime.fromtimestamp(epoch, timezone.utc).strftime(_SQLITE_TIMESTAMP)`.
 Ref format_by_runtime(const Module& module, PyObject* epoch) {

@@ -7,9 +7,7 @@ namespace health {
 
 namespace {
 
-bool is_digit(char character) {
-    return character >= '0' && character <= '9';
-}
+bool is_digit(char character) { return character >= '0' && character <= '9'; }
 
 /// Whether `number` is written as JSON wants its integers: digits without a leading zero, perhaps behind a minus sign.
 bool is_integer(std::string_view number) {

@@ -13,9 +13,7 @@ namespace health::py {
 /// The runtime's error indicator is set.
 struct PythonError {};
 
-[[noreturn]] inline void throw_current() {
-    throw PythonError{};
-}
+[[noreturn]] inline void throw_current() { throw PythonError{}; }
 
 /// Sets an error of `type` with a text made as `PyErr_Format` makes it, and throws.
 [[noreturn]] void raise(PyObject* type, const char* format, ...);

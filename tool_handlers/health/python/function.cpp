@@ -20,9 +20,7 @@ struct NativeFunction {
 };
 static_assert(std::is_standard_layout_v<NativeFunction> && std::is_trivially_destructible_v<NativeFunction>);
 
-NativeFunction& as_native(PyObject* object) {
-    return *reinterpret_cast<NativeFunction*>(object);
-}
+NativeFunction& as_native(PyObject* object) { return *reinterpret_cast<NativeFunction*>(object); }
 
 void deallocate(PyObject* self) {
     PyTypeObject* type = Py_TYPE(self);

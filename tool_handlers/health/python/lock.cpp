@@ -55,9 +55,7 @@ void LockMethods::acquire(PyObject* lock) const {
     const Ref done = Ref::steal(PyObject_CallOneArg(acquire_.get(), lock));
 }
 
-bool LockMethods::try_acquire(PyObject* lock) const {
-    return is_true(call(acquire_.get(), lock, Py_False).get());
-}
+bool LockMethods::try_acquire(PyObject* lock) const { return is_true(call(acquire_.get(), lock, Py_False).get()); }
 
 void LockMethods::release(PyObject* lock) const {
     const Ref done = Ref::steal(PyObject_CallOneArg(release_.get(), lock));

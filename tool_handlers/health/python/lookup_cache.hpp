@@ -101,9 +101,7 @@ private:
                (PyUnicode_CheckExact(left) && PyUnicode_CheckExact(right) && _PyUnicode_EQ(left, right) != 0);
     }
 
-    static bool is_same_key(PyObject* held, const Key<1>& key) {
-        return is_same(held, key[0]);
-    }
+    static bool is_same_key(PyObject* held, const Key<1>& key) { return is_same(held, key[0]); }
 
     template <std::size_t Count>
     static bool is_same_key(PyObject* held, const Key<Count>& key) {

@@ -12,9 +12,7 @@ namespace health::py {
 
 static_assert(sizeof(long) == 8, "counts are read as long");
 
-inline bool is_plain_number(PyObject* object) {
-    return PyLong_CheckExact(object) || PyFloat_CheckExact(object);
-}
+inline bool is_plain_number(PyObject* object) { return PyLong_CheckExact(object) || PyFloat_CheckExact(object); }
 
 /// `left + right` as `+=` makes it. Runs Python code unless both are plain.
 inline Ref add(PyObject* left, PyObject* right) {
@@ -33,9 +31,7 @@ inline Py_ssize_t compact_value(PyObject* number) {
     return PyUnstable_Long_CompactValue(reinterpret_cast<PyLongObject*>(number));
 }
 
-inline Ref integer(long value) {
-    return Ref::steal(PyLong_FromLong(value));
-}
+inline Ref integer(long value) { return Ref::steal(PyLong_FromLong(value)); }
 
 /// `number + 1` as `+=` makes it. Runs Python code unless `number` is plain.
 inline Ref incremented(PyObject* number) {
@@ -43,9 +39,7 @@ inline Ref incremented(PyObject* number) {
 }
 
 /// `-number`. Runs Python code unless it is plain.
-inline Ref minus(PyObject* number) {
-    return Ref::steal(PyNumber_Negative(number));
-}
+inline Ref minus(PyObject* number) { return Ref::steal(PyNumber_Negative(number)); }
 
 /// `left >= right`. Runs Python code unless both are plain.
 inline bool is_at_least(PyObject* left, PyObject* right) {

@@ -12,9 +12,7 @@
 
 namespace health::py {
 
-inline Ref get_attribute(PyObject* object, PyObject* name) {
-    return Ref::steal(PyObject_GetAttr(object, name));
-}
+inline Ref get_attribute(PyObject* object, PyObject* name) { return Ref::steal(PyObject_GetAttr(object, name)); }
 
 /// Reads one attribute of objects that are mostly of one class.
 class PlainAttribute {
@@ -29,16 +27,12 @@ private:
     unsigned int version_ = 0;  // of the class for which the attribute was last found plain; 0 for none
 };
 
-inline Ref get_item(PyObject* container, PyObject* key) {
-    return Ref::steal(PyObject_GetItem(container, key));
-}
+inline Ref get_item(PyObject* container, PyObject* key) { return Ref::steal(PyObject_GetItem(container, key)); }
 
 /// `sequence[0]` of any object that can be indexed by position.
 Ref first_item(PyObject* sequence);
 
-inline bool is_true(PyObject* object) {
-    return check(PyObject_IsTrue(object)) != 0;
-}
+inline bool is_true(PyObject* object) { return check(PyObject_IsTrue(object)) != 0; }
 
 inline bool compares(PyObject* left, PyObject* right, int operation) {
     return is_true(Ref::steal(PyObject_RichCompare(left, right, operation)).get());
@@ -64,9 +58,7 @@ Ref call_method(PyObject* object, PyObject* name, Arguments... arguments) {
 }
 
 /// A new text that holds `value`.
-inline Ref text(const char* value) {
-    return Ref::steal(PyUnicode_FromString(value));
-}
+inline Ref text(const char* value) { return Ref::steal(PyUnicode_FromString(value)); }
 
 /// The only attribute access by a C string: for set-up, where no interned name is kept.
 inline Ref get_attribute(PyObject* object, const char* name) {
@@ -74,12 +66,8 @@ inline Ref get_attribute(PyObject* object, const char* name) {
 }
 
 /// `str(object)`, and what an f-string makes of an object.
-inline Ref to_text(PyObject* object) {
-    return Ref::steal(PyObject_Str(object));
-}
-inline Ref formatted(PyObject* object) {
-    return Ref::steal(PyObject_Format(object, nullptr));
-}
+inline Ref to_text(PyObject* object) { return Ref::steal(PyObject_Str(object)); }
+inline Ref formatted(PyObject* object) { return Ref::steal(PyObject_Format(object, nullptr)); }
 
 template <class... Items>
 Ref make_tuple(Items... items) {

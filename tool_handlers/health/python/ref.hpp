@@ -17,9 +17,7 @@ namespace health::py {
 
 /// Whether this thread is attached to the interpreter, and so may touch its objects. It is not when a
 /// finalising interpreter ends it: then destructors run without the GIL and must leave every object alone.
-inline bool is_attached() {
-    return _PyThreadState_UncheckedGet() != nullptr;
-}
+inline bool is_attached() { return _PyThreadState_UncheckedGet() != nullptr; }
 
 class Ref {
 public:
@@ -76,12 +74,8 @@ private:
     PyObject* object_ = nullptr;
 };
 
-inline Ref none() {
-    return Ref::borrow(Py_None);
-}
+inline Ref none() { return Ref::borrow(Py_None); }
 
-inline Ref boolean(bool value) {
-    return Ref::borrow(value ? Py_True : Py_False);
-}
+inline Ref boolean(bool value) { return Ref::borrow(value ? Py_True : Py_False); }
 
 }  // namespace health::py

@@ -20,8 +20,6 @@ void initialise(const Module& module, PyObject* self, PyObject* repository, PyOb
     py::call_method(self, module[Name::_load_usage]);
 }
 
-Ref limits_of(const Module& module, PyObject* self) {
-    return module.tracker(self).get(limits);
-}
+Ref limits_of(const Module& module, PyObject* self) { return module.tracker(self).get(limits); }
 
 }  // namespace health

@@ -14,9 +14,7 @@ namespace {
 
 constexpr long everything = 2;
 
-void mark_everything_dirty(const TrackerView& tracker) {
-    tracker.set(usage_dirty, py::integer(everything));
-}
+void mark_everything_dirty(const TrackerView& tracker) { tracker.set(usage_dirty, py::integer(everything)); }
 
 /// A container that Python code cannot find through the collector.
 Ref hidden(PyObject* container) {

@@ -49,8 +49,6 @@ enum KeyMember : unsigned char { key_tool, key_action, key_outcome, key_alias_hi
 py::Ref key_tuple(py::Ref key);
 
 /// A member of such a tuple, borrowed.
-inline PyObject* member_of(const py::Ref& key, KeyMember member) {
-    return PyTuple_GET_ITEM(key.get(), member);
-}
+inline PyObject* member_of(const py::Ref& key, KeyMember member) { return PyTuple_GET_ITEM(key.get(), member); }
 
 }  // namespace health
