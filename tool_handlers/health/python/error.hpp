@@ -16,7 +16,11 @@ struct PythonError {};
 [[noreturn]] inline void throw_current() { throw PythonError{}; }
 
 /// Sets an error of `type` with a text made as `PyErr_Format` makes it, and throws.
-[[noreturn]] void raise(PyObject* type, const char* format, ...);
+template <class... Values>
+[[noreturn]] void raise(PyObject* type, const char* format, Values... values) {
+    PyErr_Format(type, format, values...);
+    throw_current();
+}
 
 /// Passes on a status of the C API; throws when it is negative.
 inline int check(int status) {
