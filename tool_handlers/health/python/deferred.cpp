@@ -42,7 +42,7 @@ DeferredRefs::~DeferredRefs() noexcept(false) {
     }
     PyObject* error = PyErr_GetRaisedException();
     for (PyObject* object : std::span(objects_).first(count_)) {
-        const Ref dropped = Ref::steal(object);
+        const Ref dropped = Ref::steal_optional(object);
     }
     PyErr_SetRaisedException(error);
 }

@@ -28,18 +28,18 @@ Ref best_count(const Module& module, const Ref& census) {
 
 }  // namespace
 
-Ref thread_census_report(const Module& module, PyObject* budget, PyObject* given) {
-    const Ref census = given == Py_None ? py::call(module.get(Name::thread_census).get()) : Ref::borrow(given);
+Ref thread_census_report(const Module& module, PyObject* budget, PyObject* census) {
+    const Ref taken = census == Py_None ? py::call(module.get(Name::thread_census).get()) : Ref::borrow(census);
     Ref report = Ref::steal(PyDict_New());
     const auto put = [&](Name name, PyObject* value) { py::check(PyDict_SetItem(report.get(), module[name], value)); };
-    if (system_count(module, census).get() != Py_None) {
-        put(Name::os, system_count(module, census).get());
+    if (system_count(module, taken).get() != Py_None) {
+        put(Name::os, system_count(module, taken).get());
     }
-    put(Name::python, py::get_attribute(census.get(), module[Name::python_total]).get());
-    const Ref by_name = py::get_attribute(census.get(), module[Name::python_threads]);
+    put(Name::python, py::get_attribute(taken.get(), module[Name::python_total]).get());
+    const Ref by_name = py::get_attribute(taken.get(), module[Name::python_threads]);
     put(Name::python_by_name, py::call(reinterpret_cast<PyObject*>(&PyDict_Type), by_name.get()).get());
     put(Name::budget, budget);
-    const Ref counted = best_count(module, census);
+    const Ref counted = best_count(module, taken);
     if (py::compares(counted.get(), budget, Py_GT)) {
         put(Name::warning, make_warning(counted.get(), budget).get());
     }
