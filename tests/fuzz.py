@@ -126,24 +126,13 @@ class Side:
 
     def step(self, label, change):
         """Do one step; what it returned or raised, as text."""
-        undo = self.undo() if label.startswith("tracker.record_") and self.module is baseline else None
         self.db.calls.clear()
         self.warnings.clear()
         self.script.clock.reads = 0
         try:
             return render(change(self))
         except BaseException as error:
-            if undo is not None:
-                vars(self.tracker).update(undo)
             return f"raised {render(error)}{' itself' if error is self.db.failure else ''}"
-
-    def undo(self):
-        """The tracker's fields as they are: a recording that values of odd types bring to fail half-way leaves its first
-        changes behind in plain Python, and none in the module."""
-        fields = dict(vars(self.tracker), _dirty=set(self.tracker._dirty))
-        for name in ("_state", "_usage"):
-            fields[name] = {key: dataclasses.replace(record) for key, record in fields[name].items()}
-        return fields
 
     def seen(self, result):
         """Everything that can be seen after a step, as text."""
