@@ -50,8 +50,8 @@ VALUES = {
         "", None, "x" * 500, "é" * 501, "\ud800" * 501, "\U0001f600" * 501, Text("t" * 600), Text("s"), b"x" * 900, 0, 5,
         ["list"] * 501,
     )),
-    "threshold": ((3, 3, 1), (0, -1, 2.5, True, None, "3", NAN, 10**30)),
-    "cooldown": ((60.0, 5.0), (0, -1, NAN, INF, None, "x", Fraction(1, 2), 10**30, Decimal(1))),
+    "disable_after_errors": ((3, 3, 1), (0, -1, 2.5, True, None, "3", NAN, 10**30)),
+    "disable_cooldown_s": ((60.0, 5.0), (0, -1, NAN, INF, None, "x", Fraction(1, 2), 10**30, Decimal(1))),
     "count": ((0, 3, 12), NUMBERS),
     "epoch": ((0.0, 1.7e9, 1700000000.999, None), (
         *NUMBERS, 1700000000.9999996, -0.5, 5e-7, 1.5e-6, -62135596800, -62135596800.1, -3e10, 253402300799,
@@ -70,6 +70,12 @@ VALUES = {
     )),
     "failure": ((None,), (ValueError("database"), KeyboardInterrupt("key"), SystemExit(3), MemoryError(), OSError(5))),
 }
+# The tracker's mappings, their records, and the kinds of their fields.
+COUNTS = dict.fromkeys(("call_count", "error_count", "consecutive_errors"), "count")
+RECORDS = (
+    ("_state", "_ToolState", {**COUNTS, "last_error": "error", "disabled_at": "epoch", "updated_at": "epoch"}),
+    ("_usage", "_Usage", dict.fromkeys(("calls", "timed_calls", "total_ms"), "count")),
+)
 # A member of the tracker, and the kinds of its arguments.
 CALLS = (
     ("is_disabled", "tool"), ("is_disabled", "tool"), ("is_disabled", "tool"), ("record_success", "tool"),
@@ -155,7 +161,7 @@ class Script:
         """The next step: its description, and what it does to a side."""
         makers = (  # and how often each comes
             (self._call, 60), (self._pass_time, 10), (self._set_limits, 2), (self._register, 2), (self._host, 3),
-            (self._construct, 5), (self._poke_states, 3), (self._poke_usage, 3), (self._time, 15),
+            (self._construct, 5), (self._poke, 6), (self._time, 15),
         )  # fmt: skip
         return self._chance.choices([maker for maker, _ in makers], [weight for _, weight in makers])[0]()
 
@@ -181,17 +187,14 @@ class Script:
         return f"the clock shows {self.clock.now!r}", nothing
 
     def _set_limits(self):
-        self.limits.disable_after_errors = self._value("threshold", 0.15)
-        self.limits.disable_cooldown_s = self._value("cooldown", 0.15)
+        vars(self.limits).update({name: self._value(name, 0.15) for name in vars(self.limits)})
         return repr(self.limits), nothing
 
     def _register(self):
-        name = self._chance.choice(("a", "b", "c", "é"))
-        actions = self._chance.choice((None, "", "x", "xy"))
+        name, actions = self._chance.choice("abcé"), self._chance.choice((None, "", "x", "xy"))
+        health.TOOLS[name] = spec(actions or "")
         if actions is None:
-            health.TOOLS.pop(name, None)
-        else:
-            health.TOOLS[name] = spec(actions)
+            del health.TOOLS[name]
         return f"the registry has {name!r} with the actions {actions!r}", nothing
 
     def _host(self):
@@ -202,8 +205,7 @@ class Script:
     def _construct(self):
         if self._seldom(0.3):
             return "construct anew", Side.construct
-        rows = [self._row() for _ in range(self._chance.randrange(5))]
-        answer = (self._document(),)
+        rows, answer = [self._row() for _ in range(self._chance.randrange(5))], (self._document(),)
         if self._seldom(0.05):
             rows = self._chance.choice((None, 5, "ab", tuple(rows)))
             answer = self._chance.choice((list(answer), (), None, 5, (*answer, "more"), *answer))
@@ -225,9 +227,8 @@ class Script:
 
     def _row(self):
         """A row of ``tool_health``."""
-        counts = self._value("count", 0.02), self._value("count", 0.02)
-        row = (self._value("tool", 0.05), *counts, self._value("error", 0.2))
-        row += (self._stamp(), self._stamp())
+        kinds = {"tool": 0.05, "count": 0.02, "count ": 0.02, "error": 0.2}
+        row = *(self._value(kind.strip(), odd) for kind, odd in kinds.items()), self._stamp(), self._stamp()
         odd = list(row), row[:5], (*row, 1), dict(enumerate(row)), "abcdef", None, ()
         return self._chance.choice(odd) if self._seldom(0.02) else row
 
@@ -237,15 +238,10 @@ class Script:
             return self._value("document", 0.7)
         entries = []
         for _ in range(self._chance.randrange(6)):
-            entry = {
-                "tool": self._chance.choice("abcz"),
-                "action": self._chance.choice(("x", "y", None, "gone")),
-                "outcome": self._chance.choice(("ok", "é")),
-                "alias_hit": self._value("json", 0.1),
-                "calls": self._chance.randrange(9),
-                "timed_calls": self._chance.randrange(9),
-                "total_ms": self._chance.choice((0, 1.5, 2.0005, 1e16, 5e-324, "2.5")),
-            }
+            entry = {"tool": self._chance.choice("abcz"), "action": self._chance.choice(("x", "y", None, "gone"))}
+            entry |= {"outcome": self._chance.choice(("ok", "é")), "alias_hit": self._value("json", 0.1)}
+            entry |= {"calls": self._chance.randrange(9), "timed_calls": self._chance.randrange(9)}
+            entry |= {"total_ms": self._chance.choice((0, 1.5, 2.0005, 1e16, 5e-324, "2.5"))}
             if self._seldom(0.1):
                 entry[self._chance.choice(list(entry))] = self._value("json", 0.8)
             if self._seldom(0.02):
@@ -253,34 +249,26 @@ class Script:
             entries.append(self._value("json", 0.5) if self._seldom(0.01) else entry)
         return json.dumps(entries, separators=self._chance.choice((None, (",", ":"))))  # the latter as a flush does
 
-    def _poke_states(self):
-        kinds = {"call_count": "count", "error_count": "count", "last_error": "error"}
-        kinds |= {"disabled_at": "epoch", "updated_at": "epoch", "consecutive_errors": "count"}
-        field = self._chance.choice(list(kinds))
-        return self._poke("_state", "_ToolState", self._value("tool"), field, self._value(kinds[field], 0.1))
-
-    def _poke_usage(self):
-        key = self._chance.choice("abq"), self._value("action"), "ok", False
-        field = self._chance.choice(("calls", "timed_calls", "total_ms"))
-        return self._poke("_usage", "_Usage", key, field, self._value("count"))
-
-    def _poke(self, mapping, record, key, field, value):
+    def _poke(self):
         """A change of the tracker's memory from outside."""
-        place, action = self._chance.randrange(9), self._chance.choice(("set", "new", "drop", "mark"))
+        mapping, record, kinds = self._chance.choice(RECORDS)
+        key = self._chance.choice("abq"), self._value("action"), "ok", False
+        key = key if record == "_Usage" else self._value("tool")
+        field, kind = self._chance.choice(list(kinds.items()))
+        action, value = self._chance.choice(("set", "new", "drop", "mark")), self._value(kind)
+        place = self._chance.randrange(9)
 
         def poke(side):
-            tracker = side.tracker
-            records = getattr(tracker, mapping)
+            records = getattr(side.tracker, mapping)
             if action == "new":
                 records[key] = getattr(side.module, record)(**{field: value})
-            elif action == "mark" and mapping == "_state":
-                tracker._dirty.add(key)
-            elif action == "mark":
-                tracker._usage_dirty = not tracker._usage_dirty
+            if action == "mark":
+                side.tracker._usage_dirty = not side.tracker._usage_dirty
+                side.tracker._dirty.add(key)
             for name in list(records)[place : place + 1]:
                 if action == "set":
                     setattr(records[name], field, value)
-                elif action == "drop":
+                if action == "drop":
                     del records[name]
 
         return f"{action} {mapping} {key!r} or {place}: {field}={value!r}", poke
@@ -320,11 +308,19 @@ def episode(subject, seed, steps):
         is_native = seed % 2 and isinstance(script.clock.now, float)
         with mock.patch("time.time", script.clock.now.conjugate if is_native else script.clock):
             results = [side.step(change) for side in sides]
+        # A report of several things that raise fails, but which of them it names is left open.
+        if label.startswith(("get_health_summary", "_usage_rows")) and all(map(is_own_error, results)):
+            results = [None, None]
         expected, actual = map(Side.seen, sides, results)
         if expected != actual:
             parts = [difference(name, text, actual[name]) for name, text in expected.items() if text != actual[name]]
             return "\n".join([f"seed {seed}, step {number}: {label[:2000]}", *parts])
     return None
+
+
+def is_own_error(result):
+    """Whether a step raised an error that nobody told the database to raise."""
+    return isinstance(result, tuple) and result[0] == "raised" and not result[2]
 
 
 def difference(name, expected, actual):
@@ -337,21 +333,19 @@ def difference(name, expected, actual):
 def main():
     """Run episodes until the time is up or one fails."""
     parser = argparse.ArgumentParser(description=__doc__.partition("\n")[0])
-    parser.add_argument("--seed", type=int, help="of the first episode; the next ones count up from it")
+    parser.add_argument("--seed", type=int, default=random.SystemRandom().randrange(10**6), help="of the first episode")
     parser.add_argument("--steps", type=int, default=300, help="steps of an episode")
     parser.add_argument("--seconds", type=float, default=20, help="when no more episodes are begun")
     parser.add_argument("--episodes", type=int, help="so many instead, however long they take")
     options = parser.parse_args()
-    first = options.seed if options.seed is not None else random.SystemRandom().randrange(10**6)
     end = time.monotonic() + options.seconds
-    for seed in itertools.count(first):
+    for done in itertools.count(1):
+        seed = options.seed + done - 1
         failure = episode(health, seed, options.steps)
         if failure is not None:
             sys.exit(f"{failure}\nagain with: make fuzz SEED={seed}")
-        done = seed - first + 1
         if done == options.episodes or options.episodes is None and time.monotonic() >= end:
-            print(f"seeds {first} to {seed}: {done * options.steps} steps, no difference")
-            return
+            sys.exit(print(f"seeds {options.seed} to {seed}: {done * options.steps} steps, no difference"))
 
 
 if __name__ == "__main__":
