@@ -262,8 +262,9 @@ class Script:
             records = getattr(side.tracker, mapping)
             if action == "new":
                 records[key] = getattr(side.module, record)(**{field: value})
-            if action == "mark":
+            if action == "mark" and record == "_Usage":
                 side.tracker._usage_dirty = not side.tracker._usage_dirty
+            elif action == "mark":
                 side.tracker._dirty.add(key)
             for name in list(records)[place : place + 1]:
                 if action == "set":

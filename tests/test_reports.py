@@ -1,4 +1,4 @@
-"""The three reports: the health summary, the performance statistics, the thread census."""
+"""The three reports: the health summary, the performance statistics, the thread census; and the times in them."""
 
 import itertools
 import random
@@ -13,7 +13,29 @@ PILING_UP = (
     " thread that ran the local embedding model keeps a team of torch threads, as many as"
     " DENDRA_EMBED_THREADS allows (0 leaves torch's own size)."
 )
+YEAR_1, YEAR_10000 = -62_135_596_800, 253_402_300_800  # epoch seconds
 # fmt: off
+MOMENTS = {
+    None: None, 0: "1970-01-01 00:00:00", -0.5: "1969-12-31 23:59:59",
+    1700000000: "2023-11-14 22:13:20", 1700000000.999: "2023-11-14 22:13:20",
+    1700000000.9999996: "2023-11-14 22:13:21", 951782400: "2000-02-29 00:00:00",
+    YEAR_1: "1-01-01 00:00:00", -30_610_224_000: "1000-01-01 00:00:00", YEAR_10000 - 1: "9999-12-31 23:59:59",
+}
+TEXTS = {
+    None: None, "": None, 0: None, b"": None, "2023-11-14 22:13:20": 1700000000.0,
+    "2023-1-4 2:3:4": 1672797784.0, "2023-11-14\t22:13:20": 1700000000.0,
+    "2０2٣-11-1٤ 1٣:1٣:2٠": 1699967600.0, "2023-11-14\u2003\u00a022:13:20": 1700000000.0,
+    "0001-01-01 00:00:00": float(YEAR_1), "9999-12-31 23:59:59": YEAR_10000 - 1.0,
+    "2023-11-14 22:13:20.5": None, "2023-11-14T22:13:20": None, "2023-11-14 22:13:20+00:00": None,
+    "2023-11-14": None, " 2023-11-14 22:13:20": None, "2023-11-14 22:13:20 ": None,
+    "2023-11-14 24:00:00": None, "2023-11-14 22:13:60": None, "2023-02-30 00:00:00": None,
+    "1900-02-29 00:00:00": None, "2024-02-29 00:00:00": 1709164800.0, "0000-01-01 00:00:00": None,
+}
+KNOWN = {
+    ("gone", None): False, ("gone", "x"): False, ("a", None): True, ("a", "x"): True,
+    ("a", "z"): False, ("a", ""): False, ("b", None): True, ("b", "x"): False,
+    ("odd", "empty"): True, ("odd", "none"): False, ("odd", ""): True,
+}
 CENSUSES = (  # both counts, the budget, and the count that is warned about
     ((40, 9), 40, None), ((41, 9), 40, 41), ((30, 50), 40, None), ((0, 9), 8, None), ((-1, 9), -2, -1),
     ((None, 40), 40, None), ((None, 41), 40, 41), ((10**30, 1), 2.5, 10**30), ((True, 1), False, True),
@@ -29,6 +51,14 @@ ACTIONS = (None, "None", "0", "Maze", "Nz", "x", "é", "\U0001f600", "\ud800", "
 
 
 class Reports(TrackerTest):
+    def test_times_and_the_registry(self):
+        health.TOOLS["odd"] = mock.Mock(action={"empty": "", "none": None, "": 0}.get)
+        for name, table in ("_sqlite_time", MOMENTS), ("_epoch", TEXTS), ("_known", KNOWN):
+            for given, expected in table.items():
+                with self.subTest(name, given=given):
+                    args = given if name == "_known" else [given]
+                    self.assertEqual(getattr(health, name)(*args), expected)
+
     def test_the_summary(self):
         tracker = self.make()
         self.assertEqual(tracker.get_health_summary(), [])
@@ -85,34 +115,19 @@ class Reports(TrackerTest):
             shown = tracker._usage_rows("a")[0]["avg_ms"]
             self.assertEqual(repr(shown), repr(average), (timed, total))
 
-    def test_an_overriding_usage_rows_is_asked_for_each_tool(self):
-        class Special(health.ToolHealthTracker):
-            def _usage_rows(self, tool_name):
-                return ["special", tool_name, self._lock.locked()]
-
-        special, patched = Special(self.db), self.make()
-        patched._usage_rows = lambda tool_name: ["special", tool_name, patched._lock.locked()]
-        for tracker in special, patched:
-            tracker.record_success("a")
-            count(tracker, "b")
-            usage = [record["usage"] for record in tracker.get_health_summary()]
-            self.assertEqual(usage, [["special", "a", True], ["special", "b", True]])
-
-    def test_performance_stats(self):
-        """The collector's own values, whatever they are, in its order."""
+    def test_performance_stats_are_the_collectors_own(self):
         names = "name count avg_ms p95_ms min_ms max_ms errors".split()
         elements = [{"errors": [], "more": 1, **dict.fromkeys(names[:6], n / 7)} for n in (2, 1, 3)]
-        expected = [{name: element[name] for name in names} for element in elements]
 
-        def report(module, make_stats):
-            collector = SimpleNamespace(get_all_stats=make_stats)
+        def report(module, stats):
+            collector = SimpleNamespace(get_all_stats=stats.copy)
             with mock.patch.object(module, "get_timing_collector", lambda: collector):
                 return module.handle_get_tool_performance_stats()
 
-        for make_stats in (lambda: elements, lambda: iter(elements)):
-            self.assertEqual(repr(report(health, make_stats)), repr({"tools": expected}))
-        for stats in ([], None, [{"name": 1}], [*elements, {}], ["text"], [elements[0], None]):
-            self.check_same(report, lambda: stats)
+        expected = [{name: element[name] for name in names} for element in elements]
+        self.assertEqual(repr(report(health, elements)), repr({"tools": expected}))
+        for stats in ([], {}, {1: 2}, [{"name": 1}], [*elements, {}], ["text"], [elements[0], None]):
+            self.check_same(report, stats)
 
     def test_the_thread_census(self):
         threads = {"pool": [8], "MainThread": 1}
@@ -125,10 +140,8 @@ class Reports(TrackerTest):
                     expected["warning"] = PILING_UP.format(warned, budget)
                 self.assertEqual(repr(report), repr(expected))
                 self.assertIsNot(report["python_by_name"], threads)
-        for names in ([("a", 1), ("b", 2), ("a", 3)], None, ["ab"], [1]):
-            for counts in (1, 2), (None, None), ("9", 1):
-                census = ThreadCensus(*counts, names)
-                self.check_same(lambda module: module.thread_census_report(1, census))
+        for names, counts in itertools.product(([("a", 1), ("a", 3)], None, ["ab"], [1]), ((1, 2), (None, None), ("9", 1))):
+            self.check_same(lambda module: module.thread_census_report(1, ThreadCensus(*counts, names)))
         own = health.thread_census_report(budget=0)
         self.assertEqual(own["python_by_name"], {"MainThread": 1})
         self.assertIn("more than the 0 its", own["warning"])
