@@ -54,12 +54,13 @@ TOUR = (
     ("is_disabled", "b"), ("is_disabled", "c"), ("is_disabled", "unheard of"), ("is_disabled", []),
     ("record_success", "a"), ("record_error", "a", "e" * 501), ("record_error", "new", "first"),
     ("record_error", "a", 5), ("record_error", "a", None), ("record_error", "a", "third"), ("is_disabled", "a"),
-    ("record_success", "a"), ("record_success", "new"), ("record_call", "a", None, "ok", TIMED), ("record_call", "new", "x", "no", UNTIMED),
-    ("record_call", "new", "x", "no", TIMED), ("record_call", "a", None, "ok", UNFIT), ("limits",), ("cooldown_s",),
-    ("has_unsaved_changes",), ("_usage_rows", "a"), ("get_health_summary",), ("_flush_usage",), ("flush",), ("flush",),
-    ("record_success", "a"), ("_load",), ("_load_usage",), ("_sqlite_time", NOW), ("_epoch", "2023-11-14 22:13:20"),
-    ("_known", "a", "x"), ("thread_census_report", 3, CENSUS), ("handle_get_tool_performance_stats",), ("_Usage", 1),
-    ("_ToolState", 1, 2), ("ToolHealthTracker", FakeDatabase(ROWS, DOCUMENT)),
+    ("record_success", "a"), ("record_success", "new"), ("record_call", "a", None, "ok", TIMED),
+    ("record_call", "new", "x", "no", UNTIMED), ("record_call", "new", "x", "no", TIMED),
+    ("record_call", "a", None, "ok", UNFIT), ("limits",), ("cooldown_s",), ("has_unsaved_changes",),
+    ("_usage_rows", "a"), ("get_health_summary",), ("_flush_usage",), ("flush",), ("flush",), ("record_success", "a"),
+    ("_load",), ("_load_usage",), ("_sqlite_time", NOW), ("_epoch", "2023-11-14 22:13:20"), ("_known", "a", "x"),
+    ("thread_census_report", 3, CENSUS), ("handle_get_tool_performance_stats",), ("_Usage", 1), ("_ToolState", 1, 2),
+    ("ToolHealthTracker", FakeDatabase(ROWS, DOCUMENT)),
 )
 # fmt: on
 
