@@ -309,7 +309,7 @@ class Python(TrackerTest):
     def test_names_are_looked_up_at_each_use(self):
         for name in NAMES:
             self.check_tour(lambda m, t: delattr(m, name), name, "deleted")
-        for name in set(NAMES) - {"json"}:
+        for name in set(NAMES) - {"json"}:  # a document that only equals {} is not taken for an empty one
             self.check_tour(lambda m, t: put(m, name, mock.MagicMock(name=name)), name, "mock")
         for target in "json.dumps", "threading.Lock":
             self.check_tour(lambda m, t: mock.patch(target).start(), target)
@@ -327,7 +327,7 @@ class Python(TrackerTest):
         for name in FIELDS:
             self.check_tour(lambda m, t: delattr(t, name), name, "deleted")
             self.check_tour(lambda m, t: vars(t).pop(name), name, "popped")
-        for name in set(FIELDS) - {"_repo", "_state", "_usage"}:
+        for name in set(FIELDS) - {"_repo", "_state", "_usage"}:  # which are walked over by other methods
             self.check_tour(lambda m, t: put(t, name, mock.MagicMock(name=name)), name, "mock")
             self.check_tour(lambda m, t: put(m.ToolHealthTracker, name, property(lambda self: t)), name, "property")
         for number, change in enumerate(TRACKER_CHANGES):
@@ -341,6 +341,7 @@ class Python(TrackerTest):
 
     def test_steps_take_effect_in_their_order(self):
         for raises in True, False:
+            # A flush takes the dirty names before it writes the times; the plain version does so afterwards.
             for name in set(NAMES) - {"datetime", "timezone", "_sqlite_time"}:
                 self.check_tour(lambda m, t: put(m, name, Looking(getattr(m, name), t, raises)), name, raises)
             for name in "_repo", "_limits", "_lock", "_dirty":
@@ -371,7 +372,7 @@ class Python(TrackerTest):
             self.check_tour(lambda m, t: put(function(m, name), "__kwdefaults__", TIMED), name, "defaults by name")
             self.check(lambda m, t: described(function(m, name)), name)
             self.check(lambda m, t: list(calls_of_all_kinds(function(m, name), t)), name, "arguments")
-        for name in set(FUNCTIONS) - {"cooldown_s"}:
+        for name in set(FUNCTIONS) - {"cooldown_s"}:  # whose code `is_disabled` does not look at
             self.check_tour(lambda m, t: put(function(m, name), "__code__", gather.__code__), name, "code")
 
     def test_questions_have_the_same_answers(self):
