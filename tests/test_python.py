@@ -1,0 +1,412 @@
+"""A host that looks closely sees a module written in Python.
+
+Each case is done to the module and to its plain version, both loaded afresh under one name over one host: what can be
+seen must be the same. A case is a function of such a module and of a tracker with a history. Changes are made between
+two tours through all operations, which are compared step by step; a tracker that a change returns takes the first one's
+place, and of what else it returns the `notes` or the `mock_calls` are compared. What a case does to its module needs no
+undoing.
+"""
+
+import copy
+import ctypes
+import dataclasses
+import importlib.util
+import inspect
+import itertools
+import pickle
+import pydoc
+import re
+import sys
+import threading
+import time
+import types
+import typing
+from collections import OrderedDict, UserDict, defaultdict
+from datetime import datetime, timedelta, timezone
+from functools import partial
+from types import SimpleNamespace
+from unittest import mock
+
+from quorl_dendra.config import ToolsConfig
+from support import NOW, FakeDatabase, TrackerTest, baseline, health, result
+
+NAMES = [name for name in vars(health) if name[:2] != "__"]
+MEMBERS = [name for name in vars(health.ToolHealthTracker) if name == "__init__" or name[:2] != "__"]
+FUNCTIONS = ["_sqlite_time", "_epoch", "_known", *NAMES[-2:], *MEMBERS]
+FIELDS = "_repo _limits _lock _state _dirty _usage _usage_dirty".split()
+RECORDS = {"_ToolState": "_state", "_Usage": "_usage"}
+IMPORTED = "config tool_registry tool_schemas utils.process utils.timing".split()
+IMPORTED = [*(f"quorl_dendra.{name}" for name in IMPORTED), *"json logging threading time dataclasses datetime".split()]
+HELPERS = {"annotations", "Iterable", "_entries", "_rows", "_worst_first", "_record"}  # the plain version's own
+REAL_CLOCK = time.time
+
+# A history: the tool a is enabled, b disabled, the cooldown of c is over.
+ROWS = [("a", 5, 1, None, None, "2023-11-14 22:13:20"), ("b", 4, 4, "bad", "2023-11-14 22:13:00", None)]
+ROWS += [("c", 3, 3, "bad", "2023-11-14 20:13:20", "")]
+ENTRY = '{"tool":"%s","action":null,"outcome":"ok","alias_hit":true,"calls":3,"timed_calls":2,"total_ms":2.5}'
+DOCUMENT = f"[{ENTRY % 'a'},{ENTRY % 'gone'},{ENTRY % 'b'}]"
+
+CENSUS = SimpleNamespace(os_threads=4, python_total=2, python_threads={})
+TIMED, UNTIMED, UNFIT = ({"alias_hit": True, "duration_ms": took} for took in (2.25, None, "long"))
+# A method of the tracker or a name of the module, and its arguments, those by name last.
+# fmt: off
+TOUR = (
+    ("is_disabled", "b"), ("is_disabled", "c"), ("is_disabled", "unheard of"), ("is_disabled", []),
+    ("record_success", "a"), ("record_error", "a", "e" * 501), ("record_error", "new", "first"),
+    ("record_error", "a", 5), ("record_error", "a", None), ("record_error", "a", "third"), ("is_disabled", "a"),
+    ("record_success", "a"), ("record_success", "new"), ("record_call", "a", None, "ok", TIMED),
+    ("record_call", "new", "x", "no", UNTIMED), ("record_call", "new", "x", "no", TIMED),
+    ("record_call", "a", None, "ok", UNFIT), ("limits",), ("cooldown_s",), ("has_unsaved_changes",),
+    ("_usage_rows", "a"), ("get_health_summary",), ("_flush_usage",), ("flush",), ("flush",), ("record_success", "a"),
+    ("_load",), ("_load_usage",), ("_sqlite_time", NOW), ("_epoch", "2023-11-14 22:13:20"), ("_known", "a", "x"),
+    ("thread_census_report", 3, CENSUS), ("handle_get_tool_performance_stats",), ("_Usage", 1), ("_ToolState", 1, 2),
+    ("ToolHealthTracker", FakeDatabase(ROWS, DOCUMENT)),
+)
+# fmt: on
+
+
+def load(path):
+    """The module made anew, as an import makes it."""
+    spec = importlib.util.spec_from_file_location(health.__name__, path)
+    module = importlib.util.module_from_spec(spec)
+    with mock.patch.dict(sys.modules, {spec.name: module}):
+        spec.loader.exec_module(module)
+    return module
+
+
+def shown(value):
+    """A value as text without addresses and paths; errors that are raised natively have no traceback."""
+    return re.sub(r"<traceback.*?>", "None", re.sub(r"0x[0-9a-f]+|id='\d+'|'/[^']*'", "...", repr(value)))
+
+
+def remembered(tracker):
+    """What the tracker has in its fields. Leaves its `__dict__` unasked for."""
+    fields = [result(getattr, tracker, name) for name in FIELDS]
+    return shown([sorted(field) if type(field) is set else field for field in fields])
+
+
+def take_step(module, tracker, name, *args):
+    time.time = (time.time() + 1.0).conjugate  # a native function, as the real clock
+    kwargs = args[-1] if args and isinstance(args[-1], dict) else {}
+    answer = result(getattr, module if name in NAMES else tracker, name)
+    if callable(answer):
+        answer = result(answer, *args[: len(args) - bool(kwargs)], **kwargs)
+    if name == "ToolHealthTracker":
+        answer = remembered(answer)
+    return f"{name} {shown(args):.99}: {shown(answer)}\n  then {remembered(tracker)}\n"
+
+
+def tour_twice(change, module, tracker):
+    database = tracker._repo
+    steps = [take_step(module, tracker, *step) for step in TOUR]
+    changed = result(change, module, tracker)
+    tracker = changed if hasattr(type(changed), "_load") else tracker
+    steps += [take_step(module, tracker, *step) for step in TOUR]
+    notes = [result(getattr, changed, name) for name in ("notes", "mock_calls")]
+    return f"{''.join(steps)}{shown(notes)}\n{shown(database.calls)}"
+
+
+def put(owner, name, value):
+    """Put the value in a name's place."""
+    setattr(owner, name, value)
+    return value
+
+
+class Looking:
+    """Stands for something of the host: asked for an attribute or called, it notes what the tracker remembers; then it
+    raises, or answers as what it stands for."""
+
+    def __init__(self, real, tracker, raises):
+        self.real, self.tracker, self.raises, self.notes = real, tracker, raises, []
+
+    def __getattr__(self, name):
+        self.notes.append(f"{name}: {remembered(self.tracker)}")
+        if self.raises:
+            raise ZeroDivisionError(name)
+        return getattr(self.real, name)
+
+    def __call__(self, *args):
+        return self.__getattr__("__call__")(*args)
+
+    def __repr__(self):
+        return "Looking"
+
+
+def watched(value, tracker):
+    """The mapping or set, as one that notes whether the lock is held whenever it is touched."""
+
+    def watch(name):
+        def call(self, *args):
+            # A summary may read more often, and otherwise, than another.
+            what = "read" if name in ("items", "keys", "__getitem__", "__iter__") else name
+            notes.add((what, tracker._lock.locked()))
+            return getattr(type(value), name)(self, *args)
+
+        return call
+
+    notes = set()
+    members = {name: watch(name) for name in dir(value) if name not in dir(object) and callable(getattr(value, name))}
+    members |= {"notes": property(lambda self: sorted(notes)), "__repr__": lambda self: "Watched"}
+    return type("Watched", (type(value),), members)(value)
+
+
+def manager(leave, bind=staticmethod):
+    """A lock that can be entered and left only, and notes what it is told."""
+
+    def __exit__(*told):
+        notes.append(told)
+        return leave()
+
+    notes = []
+    return type("Manager", (), {"__enter__": bind(notes.copy), "__exit__": bind(__exit__), "notes": notes})()
+
+
+def fail():
+    raise ZeroDivisionError
+
+
+OTHER_FIELDS = (  # and what is put in their places, made of what was there
+    *itertools.product(["_state", "_usage"], [OrderedDict, UserDict, partial(defaultdict, fail)]),
+    *itertools.product(["_dirty"], [frozenset, list, dict.fromkeys]),
+    ("_lock", lambda lock: threading.RLock()),
+    ("_lock", lambda lock: mock.MagicMock()),
+    ("_lock", lambda lock: manager(bool)),
+    ("_lock", lambda lock: manager(bool, lambda function: property(lambda self: function))),
+    ("_lock", lambda lock: manager(object)),  # which swallows
+    ("_lock", lambda lock: manager(fail)),
+    ("_lock", lambda lock: manager(lambda: mock.MagicMock(__bool__=lambda self: fail()))),
+    ("_lock", lambda lock: type("Half", (), {"__enter__": fail})()),
+    ("_lock", lambda lock: None),
+)
+
+
+def own(module, tracker, **members):
+    """A tracker of a host's own class with the same history."""
+    return type("Own", (module.ToolHealthTracker,), members)(tracker._repo, tracker._limits)
+
+
+def note_setting(self, name, value):
+    object.__setattr__(self, name, value)
+    object.__setattr__(self, "notes", [*getattr(self, "notes", []), name])
+
+
+def hide_usage(self, name):
+    return {} if name == "_usage" else object.__getattribute__(self, name)
+
+
+def set_first(self, *args):
+    self.first = 1
+    super(type(self), self).__init__(*args)
+
+
+TRACKER_CHANGES = (
+    lambda m, t: vars(t),
+    lambda m, t: vars(t).update(_limits=ToolsConfig(1, 0)),
+    lambda m, t: put(t, "__dict__", {**vars(t), "_state": {}}),
+    lambda m, t: mock.patch.dict(vars(t), _usage={}).start(),
+    lambda m, t: copy.copy(t),
+    lambda m, t: object.__new__(m.ToolHealthTracker),
+    lambda m, t: put(t, "__class__", type("Own", (m.ToolHealthTracker,), {"cooldown_s": 0})),
+    lambda m, t: own(m, t, __slots__=("_state", "_lock")),
+    lambda m, t: own(m, t, __setattr__=note_setting),
+    lambda m, t: own(m, t, __getattribute__=hide_usage),
+    lambda m, t: own(m, t, _limits=property(lambda self: 0, lambda self, value: None)),
+    lambda m, t: own(m, t, __init__=set_first),
+    lambda m, t: put(m.ToolHealthTracker, "__setattr__", note_setting),
+    lambda m, t: put(m.ToolHealthTracker, "__getattribute__", hide_usage),
+)
+RECORD_CHANGES = (  # of a class of records, or of a record
+    lambda cls, record: vars(record),
+    lambda cls, record: vars(record).clear(),
+    lambda cls, record: put(record, "__dict__", dict.fromkeys(cls.__match_args__, 1)),
+    lambda cls, record: put(record, "note", 1),
+    lambda cls, record: put(record, "__class__", type("Own", (cls,), {"__getattribute__": lambda self, name: 3})),
+    lambda cls, record: put(cls, "__setattr__", note_setting),
+    lambda cls, record: put(cls, "__getattribute__", lambda self, name: 3),
+    lambda cls, record: put(cls, "__init__", lambda self, *args, **kwargs: None),
+    lambda cls, record: put(cls, "__new__", lambda cls, *args, **kwargs: "no record"),
+)
+
+
+def function(module, name):
+    """The function of the module, or of its tracker, under that name; a property's getter."""
+    found = vars(module)[name] if name in NAMES else vars(module.ToolHealthTracker)[name]
+    return getattr(found, "fget", found)
+
+
+def described(function):
+    """All that tools read off a function."""
+    parts = "__name__ __qualname__ __module__ __doc__ __annotations__ __defaults__ __kwdefaults__ __closure__ __dict__"
+    code = [getattr(function.__code__, f"co_{name}") for name in ("name", "argcount", "kwonlyargcount", "flags")]
+    copies = [result(way, function) for way in (copy.deepcopy, pickle.dumps)]
+    read = [getattr(function, name) for name in parts.split()], inspect.signature(function), inspect.getdoc(function)
+    return inspect.isfunction(function), read, code, copies, result(typing.get_type_hints, function)
+
+
+def calls_of_all_kinds(function, tracker):
+    """Every number of arguments in order with every few by name, fitting or not."""
+    values = {"self": tracker, "repository": tracker._repo, "budget": 10**6}
+    names = list(inspect.signature(function).parameters)
+    most = [*map(values.get, names), None, None]
+    for given, few in itertools.product(range(len(most) + 1), range(5)):
+        for named in itertools.combinations([*names, "other"], few):
+            yield given, named, result(function, *most[:given], **{name: values.get(name) for name in named})
+
+
+def copied(module, tracker):
+    """Copies of a record with a field deleted and an attribute of a host's own."""
+    record = module._ToolState([1], "text")
+    record.note = [2]
+    del record.updated_at
+    pickles = [pickle.loads(pickle.dumps(record, protocol)) for protocol in range(pickle.HIGHEST_PROTOCOL + 1)]
+    return [(type(other), vars(other)) for other in (copy.copy(record), copy.deepcopy(record), *pickles)]
+
+
+def described_class(cls):
+    return list(vars(cls)), inspect.getmembers(cls, inspect.isfunction), cls.__mro__, pydoc.plain(pydoc.render_doc(cls))
+
+
+QUESTIONS = (
+    lambda m, t: [pair for pair in vars(m).items() if pair[0][:2] != "__" and pair[0] not in HELPERS],
+    lambda m, t: [described_class(getattr(m, name)) for name in ("ToolHealthTracker", *RECORDS)],
+    lambda m, t: [(dataclasses.fields(getattr(m, name)), getattr(m, name).__doc__) for name in RECORDS],
+    lambda m, t: (m.__doc__, vars(t), dir(t), t.__reduce_ex__(2)),
+    lambda m, t: [(result(setattr, t, name, 1), result(delattr, t, name)) for name in MEMBERS],
+    lambda m, t: mock.create_autospec(m.ToolHealthTracker, instance=True).record_error(),
+    lambda m, t: mock.create_autospec(m._epoch)(1, 2),
+    copied,
+)
+
+
+def import_beside(name, stand_in, module, tracker):
+    """The module imported once more, with a stand-in for one that it imports."""
+    with mock.patch.dict(sys.modules, {name: stand_in}):
+        other = load(module.__file__)
+    return "".join(take_step(other, other.ToolHealthTracker(tracker._repo), *step) for step in TOUR)
+
+
+class Python(TrackerTest):
+    maxDiff = 3000
+
+    def observe(self, path, case):
+        """What the case gives, and the warnings, line by line."""
+        self.warning.reset_mock()
+        with mock.patch("time.time", NOW.conjugate):
+            module = load(path)
+            tracker = module.ToolHealthTracker(FakeDatabase(ROWS, DOCUMENT), ToolsConfig())
+            with mock.patch.dict(sys.modules, {health.__name__: module}):
+                seen = shown(result(case, module, tracker)), shown(self.warning.call_args_list)
+            mock.patch.stopall()
+        return "\n".join(seen).split("\\n")
+
+    def check(self, case, *names):
+        with self.subTest(names):
+            self.assertEqual(self.observe(health.__file__, case), self.observe(baseline.__file__, case))
+
+    def check_tour(self, change, *names):
+        self.check(partial(tour_twice, change), *names)
+
+    def test_names_are_looked_up_at_each_use(self):
+        for name in NAMES:
+            self.check_tour(lambda m, t: delattr(m, name), name, "deleted")
+        for name in set(NAMES) - {"json"}:  # a document that only equals {} is not taken for an empty one
+            self.check_tour(lambda m, t: put(m, name, mock.MagicMock(name=name)), name, "mock")
+        for target in "json.dumps", "threading.Lock":
+            self.check_tour(lambda m, t: mock.patch(target).start(), target)
+        self.check_tour(lambda m, t: put(m, "_SQLITE_TIMESTAMP", "%H"))
+        self.check_tour(lambda m, t: put(m, "datetime", type("Later", (datetime,), {})))
+        self.check_tour(lambda m, t: put(m, "timezone", SimpleNamespace(utc=timezone(timedelta(hours=1)))))
+
+    def test_members_are_looked_up_at_each_use(self):
+        for name in MEMBERS:
+            self.check_tour(lambda m, t: mock.patch.object(m.ToolHealthTracker, name, autospec=True).start(), name)
+            self.check_tour(lambda m, t: put(t, name, mock.MagicMock(name=name)), name, "of the tracker")
+            self.check_tour(lambda m, t: delattr(m.ToolHealthTracker, name), name, "deleted")
+
+    def test_fields_are_instance_attributes(self):
+        for name in FIELDS:
+            self.check_tour(lambda m, t: delattr(t, name), name, "deleted")
+            self.check_tour(lambda m, t: vars(t).pop(name), name, "popped")
+        for name in set(FIELDS) - {"_repo", "_state", "_usage"}:  # which are walked over by other methods
+            self.check_tour(lambda m, t: put(t, name, mock.MagicMock(name=name)), name, "mock")
+            self.check_tour(lambda m, t: put(m.ToolHealthTracker, name, property(lambda self: t)), name, "property")
+        for number, change in enumerate(TRACKER_CHANGES):
+            self.check_tour(change, number)
+
+    def test_any_mapping_set_and_lock_will_do(self):
+        for number, (name, make) in enumerate(OTHER_FIELDS):
+            self.check_tour(lambda m, t: put(t, name, make(getattr(t, name))), name, number)
+        for name in "_state", "_usage", "_dirty":
+            self.check_tour(lambda m, t: put(t, name, watched(getattr(t, name), t)), name, "watched")
+
+    def test_steps_take_effect_in_their_order(self):
+        for raises in True, False:
+            # A flush takes the dirty names before it writes the times; the plain version does so afterwards.
+            for name in set(NAMES) - {"datetime", "timezone", "_sqlite_time"}:
+                self.check_tour(lambda m, t: put(m, name, Looking(getattr(m, name), t, raises)), name, raises)
+            for name in "_repo", "_limits", "_lock", "_dirty":
+                self.check_tour(lambda m, t: put(t, name, Looking(getattr(t, name), t, raises)), name, raises)
+
+    def test_records_are_plain_dataclasses(self):
+        for name, field in RECORDS.items():
+
+            def check(change, *names, name=name, field=field):
+                def of_first(module, tracker):
+                    return change(getattr(module, name), next(iter(getattr(tracker, field).values())))
+
+                self.check_tour(of_first, name, *names)
+
+            for number, change in enumerate(RECORD_CHANGES):
+                check(change, number)
+            for part in getattr(health, name).__match_args__:
+                check(lambda cls, record, part=part: delattr(record, part), part, "deleted")
+                check(lambda cls, record, part=part: delattr(cls, part), part, "default deleted")
+                check(lambda cls, record, part=part: put(cls, part, property(lambda self: 7)), part, "property")
+
+    def test_functions_are_python_functions(self):
+        def gather(*args, **kwargs):
+            return args, kwargs
+
+        for name in FUNCTIONS:
+            self.check_tour(lambda m, t: put(function(m, name), "__defaults__", ("a", "b", "c")), name, "defaults")
+            self.check_tour(lambda m, t: put(function(m, name), "__kwdefaults__", TIMED), name, "defaults by name")
+            self.check(lambda m, t: described(function(m, name)), name)
+            self.check(lambda m, t: list(calls_of_all_kinds(function(m, name), t)), name, "arguments")
+        for name in set(FUNCTIONS) - {"cooldown_s"}:  # whose code `is_disabled` does not look at
+            self.check_tour(lambda m, t: put(function(m, name), "__code__", gather.__code__), name, "code")
+
+    def test_questions_have_the_same_answers(self):
+        for number, question in enumerate(QUESTIONS):
+            self.check(question, number)
+
+    def test_an_import_fails_as_its_statements_do(self):
+        for name, is_begun in itertools.product(IMPORTED, (None, False, True)):
+            stand_in = None if is_begun is None else types.ModuleType(name)
+            if is_begun:  # it is being imported further up: a circle
+                stand_in.__spec__ = SimpleNamespace(_initializing=True)
+            self.check(partial(import_beside, name, stand_in), name, is_begun)
+        for lock_type in None, type("Odd", (), {"locked": dict.items, "acquire": dict.get}), type(threading.RLock()):
+            stand_in = SimpleNamespace(LockType=lock_type)
+            self.check(partial(import_beside, "_thread", stand_in), lock_type)
+
+    def test_a_clock_that_is_stopped_in_native_code_is_heard(self):
+        def native_code_of(function):
+            definition = ctypes.c_void_p.from_address(id(function) + object.__basicsize__).value
+            return ctypes.c_void_p.from_address(definition + ctypes.sizeof(ctypes.c_char_p))
+
+        time.time = REAL_CLOCK
+        tracker, code = self.make(), native_code_of(time.time)
+        tracker.record_success("a")
+        self.addCleanup(setattr, code, "value", code.value)
+        code.value = native_code_of(time.process_time).value
+        tracker.record_success("a")
+        self.assertLess(tracker._state["a"].updated_at, NOW)
+
+    def test_only_trackers_are_served(self):
+        stranger = SimpleNamespace(**vars(self.make()))
+        for name in MEMBERS:
+            served = function(health, name)
+            given = dict.fromkeys(inspect.signature(served).parameters) | {"self": stranger}
+            with self.subTest(name), self.assertRaisesRegex(TypeError, "doesn't apply to a 'types.SimpleNamespace'"):
+                served(**given)
+        self.assertEqual(self.db.calls, [])
