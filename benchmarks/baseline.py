@@ -361,19 +361,23 @@ class ToolHealthTracker:
         """Write the changed ``tool_health`` rows; how many were written."""
         with self._lock:
             names = sorted(self._dirty)
-            rows = [
-                (
-                    name,
-                    state.call_count,
-                    state.error_count,
-                    state.last_error,
-                    _sqlite_time(state.disabled_at),
-                    _sqlite_time(state.updated_at),
-                )
-                for name in names
-                if (state := self._state.get(name)) is not None
-            ]
-            self._dirty.clear()  # last: a snapshot that fails leaves the marks
+            self._dirty.clear()
+            try:
+                rows = [
+                    (
+                        name,
+                        state.call_count,
+                        state.error_count,
+                        state.last_error,
+                        _sqlite_time(state.disabled_at),
+                        _sqlite_time(state.updated_at),
+                    )
+                    for name in names
+                    if (state := self._state.get(name)) is not None
+                ]
+            except BaseException:
+                self._dirty.update(names)
+                raise
         if not rows:
             return 0
         try:

@@ -78,7 +78,8 @@ void add_canonical(const Module& module, PyObject* table, SharedTexts& texts, co
 /// and where the parser was replaced.
 Ref read_canonical(const Module& module, PyObject* text) {
     const Ref parser = py::get_attribute(module.get(Name::json).get(), module[Name::loads]);
-    if (parser.get() != module.state.originals.json_loads.get() || !py::is_plain_ascii(text)) {
+    if (parser.get() != module.state.originals.json_loads.get() || !py::is_plain_ascii(text) ||
+        !module.state.usage.is_made_by(module.get(Name::_Usage).get())) {
         return {};
     }
     Ref table = Ref::steal(PyDict_New());

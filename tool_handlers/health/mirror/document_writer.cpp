@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "health/mirror/canonical_document.hpp"
+#include "health/python/dict.hpp"
 #include "health/python/numbers.hpp"
 #include "health/python/text.hpp"
 #include "health/tracker/mapping.hpp"
@@ -70,8 +71,8 @@ Ref DocumentWriter::write(const py::RefVector<DocumentEntry>& entries) {
 /// Whether `dumps` encodes as it did when the module was imported.
 bool DocumentWriter::is_own_encoder(PyObject* json, PyObject* dumps) const {
     const Originals& originals = module_.state.originals;
-    return originals.json_dumps && dumps == originals.json_dumps.get() &&
-           py::get_attribute(json, module_[Name::JSONEncoder]).get() == originals.json_encoder.get();
+    return originals.json_dumps && dumps == originals.json_dumps.get() && PyModule_CheckExact(json) &&
+           py::find(PyModule_GetDict(json), module_[Name::JSONEncoder]) == originals.json_encoder.get();
 }
 
 void DocumentWriter::add_entry(const DocumentEntry& entry) {

@@ -93,7 +93,7 @@ void ToolTable::add_usage(PyObject* usage) {
             listed = &entry_of(tool);
             last_tool = tool;
         }
-        listed->lines.push_back(read_line(module_, std::move(key), entry.record.get()));
+        listed->lines.push_back(read_line(module_, std::move(key), std::move(entry.record)));
     }
 }
 

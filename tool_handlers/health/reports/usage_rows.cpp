@@ -13,51 +13,57 @@ namespace {
 
 constexpr int average_decimals = 2;
 
-/// `round(total / timed, 2)`.
-Ref average_by_runtime(PyObject* total_ms, PyObject* timed_calls) {
-    const Ref quotient = Ref::steal(PyNumber_TrueDivide(total_ms, timed_calls));
-    return py::round_by_runtime(quotient.get(), average_decimals);
-}
-
-/// Reads the mean time of a handler in milliseconds, where it is that of plain numbers; false for any other.
-bool read_plain_average(UsageLine& line, PyObject* total_ms, PyObject* timed_calls) {
+/// Reads the numbers of a plain record into a line. False where any is not plain.
+bool read_plain_numbers(UsageLine& line, PyObject** counts) {
     constexpr long exact_in_double = 1L << 53;
+    PyObject* total_ms = counts[UsageFields::total_ms];
     long timed = 0;
-    if (total_ms == nullptr || !PyFloat_CheckExact(total_ms) || !read_plain(timed_calls, timed) || timed <= 0 ||
-        timed >= exact_in_double) {
+    if (!read_plain(counts[UsageFields::calls], line.calls) || !read_plain(counts[UsageFields::timed_calls], timed) ||
+        timed < 0 || timed >= exact_in_double || total_ms == nullptr || !PyFloat_CheckExact(total_ms)) {
         return false;
     }
-    line.average_ms = py::round_to(PyFloat_AS_DOUBLE(total_ms) / static_cast<double>(timed), average_decimals);
+    line.is_timed = timed > 0;
+    if (line.is_timed) {
+        line.average_ms = py::round_to(PyFloat_AS_DOUBLE(total_ms) / static_cast<double>(timed), average_decimals);
+    }
     return true;
 }
 
-/// The mean time of a handler in milliseconds, None where none was timed.
-Ref read_average(const UsageView& usage) {
+/// `round(usage.total_ms / usage.timed_calls, 2) if usage.timed_calls else None`.
+Ref average_by_runtime(const UsageView& usage) {
+    if (!py::is_true(usage.get(UsageFields::timed_calls).get())) {
+        return py::none();
+    }
     const Ref total_ms = usage.get(UsageFields::total_ms);
     const Ref timed_calls = usage.get(UsageFields::timed_calls);
-    return py::is_true(timed_calls.get()) ? average_by_runtime(total_ms.get(), timed_calls.get()) : py::none();
+    const Ref quotient = Ref::steal(PyNumber_TrueDivide(total_ms.get(), timed_calls.get()));
+    return py::round_by_runtime(quotient.get(), average_decimals);
 }
 
-Ref calls_of(const UsageLine& line) {
-    return line.boxed_calls ? Ref::borrow(line.boxed_calls.get()) : Ref::steal(PyLong_FromLong(line.calls));
+/// The two numbers of a row: calls and mean time of a handler in milliseconds, None where none was timed.
+Ref calls_of(const Module& module, const UsageLine& line) {
+    return line.record ? module.usage(line.record.get()).get(UsageFields::calls) : py::integer(line.calls);
 }
-
-Ref average_of(const UsageLine& line) {
-    return line.boxed_average ? Ref::borrow(line.boxed_average.get()) : Ref::steal(PyFloat_FromDouble(line.average_ms));
+Ref average_of(const Module& module, const UsageLine& line) {
+    if (line.record) {
+        return average_by_runtime(module.usage(line.record.get()));
+    }
+    return line.is_timed ? Ref::steal(PyFloat_FromDouble(line.average_ms)) : py::none();
 }
 
 /// A copy of the empty row, which holds False for both truth values, filled in.
-Ref make_row(const Module& module, const UsageLine& line, PyObject* slow) {
+Ref make_row(const Module& module, PyObject* tool_name, const UsageLine& line) {
     Ref row = Ref::steal(PyDict_Copy(module.state.empty_row.get()));
     put(module, row.get(), Name::action, line.action);
     put(module, row.get(), Name::outcome, line.outcome);
     if (line.alias_hit != Py_False) {
         put(module, row.get(), Name::alias_hit, line.alias_hit);
     }
-    put(module, row.get(), Name::calls, calls_of(line).get());
-    put(module, row.get(), Name::avg_ms, average_of(line).get());
-    if (slow != Py_False) {
-        put(module, row.get(), Name::slow, slow);
+    put(module, row.get(), Name::calls, calls_of(module, line).get());
+    put(module, row.get(), Name::avg_ms, average_of(module, line).get());
+    const Ref slow = py::call(module.get(Name::is_slow_call).get(), tool_name, line.action);
+    if (slow.get() != Py_False) {
+        put(module, row.get(), Name::slow, slow.get());
     }
     return row;
 }
@@ -95,7 +101,7 @@ py::Vector<RowKey> plain_row_keys(const Module& module, const UsageLines& lines)
                    .alias_hit = line.alias_hit == Py_True,
                    .position = keys.size()};
         if (!PyUnicode_CheckExact(key.action) || !PyUnicode_CheckExact(key.outcome) || !PyBool_Check(line.alias_hit) ||
-            line.boxed_calls) {
+            line.record) {
             break;
         }
         keys.push_back(key);
@@ -103,16 +109,15 @@ py::Vector<RowKey> plain_row_keys(const Module& module, const UsageLines& lines)
     return keys;
 }
 
-Order order_of_rows(const Module& module, const UsageLines& lines) {
+Order order_of_rows(const Module& module, const UsageLines& lines, const py::RefVector<Ref>& rows) {
     py::Vector<RowKey> keys = plain_row_keys(module, lines);
     if (keys.size() == lines.size()) {
         return order_natively(std::move(keys));
     }
     return order_by_runtime(lines.size(), [&](std::size_t index) {
-        const UsageLine& line = lines[index];
-        const Ref calls = py::minus(calls_of(line).get());
-        const Ref action = py::to_text(line.action);
-        return py::make_tuple(calls.get(), action.get(), line.outcome, line.alias_hit);
+        const Ref calls = py::minus(py::get_item(rows[index].get(), module[Name::calls]).get());
+        const Ref action = py::to_text(lines[index].action);
+        return py::make_tuple(calls.get(), action.get(), lines[index].outcome, lines[index].alias_hit);
     });
 }
 
@@ -126,21 +131,15 @@ bool read_plain(PyObject* number, long& value) {
     return overflow == 0;
 }
 
-UsageLine read_line(const Module& module, Ref key, PyObject* record) {
+UsageLine read_line(const Module& module, Ref key, Ref record) {
     UsageLine line{.action = member_of(key, key_action),
                    .outcome = member_of(key, key_outcome),
                    .alias_hit = member_of(key, key_alias_hit),
                    .key = {},  // once nothing looks into it any more
-                   .boxed_calls = {},
-                   .boxed_average = {}};
-    PyObject** counts = module.state.usage.layout.values_of(record);
-    if (counts == nullptr || !read_plain(counts[UsageFields::calls], line.calls)) {
-        line.boxed_calls = module.usage(record).get(UsageFields::calls);
-        counts = nullptr;  // which may have run Python code
-    }
-    if (counts == nullptr ||
-        !read_plain_average(line, counts[UsageFields::total_ms], counts[UsageFields::timed_calls])) {
-        line.boxed_average = read_average(module.usage(record));
+                   .record = {}};
+    PyObject** counts = module.state.usage.layout.values_of(record.get());
+    if (counts == nullptr || !read_plain_numbers(line, counts)) {
+        line.record = std::move(record);
     }
     line.key = std::move(key);
     return line;
@@ -150,10 +149,9 @@ Ref make_rows(const Module& module, PyObject* tool_name, const UsageLines& lines
     py::RefVector<Ref> rows;
     rows.reserve(lines.size());
     for (const UsageLine& line : lines) {
-        const Ref slow = py::call(module.get(Name::is_slow_call).get(), tool_name, line.action);
-        rows.push_back(make_row(module, line, slow.get()));
+        rows.push_back(make_row(module, tool_name, line));
     }
-    const Order order = order_of_rows(module, lines);
+    const Order order = order_of_rows(module, lines, rows);
     Ref list = Ref::steal(PyList_New(static_cast<Py_ssize_t>(rows.size())));
     for (std::size_t place = 0; place < order.size(); ++place) {
         PyList_SET_ITEM(list.get(), static_cast<Py_ssize_t>(place), rows[order[place]].release());
@@ -166,7 +164,7 @@ Ref usage_rows(const Module& module, PyObject* self, PyObject* tool_name) {
     for (MappingEntry& entry : list_entries(module, module.tracker(self).get(TrackerFields::usage).get())) {
         Ref key = key_tuple(std::move(entry.key));
         if (py::compares(member_of(key, key_tool), tool_name, Py_EQ)) {
-            lines.push_back(read_line(module, std::move(key), entry.record.get()));
+            lines.push_back(read_line(module, std::move(key), std::move(entry.record)));
         }
     }
     return make_rows(module, tool_name, lines);

@@ -8,26 +8,26 @@
 
 namespace health {
 
-/// What a usage row shows of its entry, as it was when the entry was read.
+/// What a usage row shows of its entry.
 ///
 /// Lines are unboxed for memory locality. The entries of a tool lie anywhere, but its lines side by side, and so do the
-/// rows made of them. Plain numbers are read as such, and become objects again in their row: so no object far away is
-/// touched for it twice.
+/// rows made of them. Plain numbers are read with the entry, and become objects again in their row: so no object far
+/// away is touched for it twice. Other numbers are read when their row is made.
 struct UsageLine {
     PyObject* action;  // borrowed from the key, as are the next two
     PyObject* outcome;
     PyObject* alias_hit;
-    py::Ref key;          // of `key_tuple`
-    py::Ref boxed_calls;  // empty where `calls` has the number
+    py::Ref key;     // of `key_tuple`
+    py::Ref record;  // of an entry whose numbers are not plain; else empty, and these hold:
     long calls = 0;
-    py::Ref boxed_average;  // None, or what is no float; empty where `average_ms` has the number
+    bool is_timed = false;
     double average_ms = 0.0;
 };
 
 using UsageLines = py::RefVector<UsageLine>;
 
-/// Reads an entry of `_usage`; `key` is of `key_tuple`. Runs Python code only if the record is not plain.
-UsageLine read_line(const Module& module, py::Ref key, PyObject* record);
+/// Reads an entry of `_usage`; `key` is of `key_tuple`. Runs no Python code.
+UsageLine read_line(const Module& module, py::Ref key, py::Ref record);
 
 /// The rows of one tool in their order: a new list. Asks `is_slow_call` for each.
 py::Ref make_rows(const Module& module, PyObject* tool_name, const UsageLines& lines);
