@@ -18,6 +18,7 @@ from support import PATIENCE_S, FakeDatabase, TrackerTest, count, health, result
 FIELDS = "_repo", "_limits", "_lock", "_state", "_dirty", "_usage", "_usage_dirty"
 ENTRY = {"tool": "a", "action": "x", "outcome": "ok", "alias_hit": True, "calls": 3, "timed_calls": 2, "total_ms": 2.5}
 MANY = 20_000 if os.environ.get("PYTHONMALLOC") == "malloc" else 160_000  # a sanitizer takes its time
+BUSY = 9  # uses of an odd value, at which it acts
 
 
 # What an odd value does to its world when it is used.
@@ -103,6 +104,7 @@ ACTS += (re_enter,)
 
 def sweep():
     """Odd values act in every place of every operation."""
+    gc.freeze()  # collections look only at what comes now
     used = set()
     for act, place, operation, make in itertools.product(ACTS, PLACES, OPERATIONS, (wrapped, derived, dying)):
         case = act.__name__, place, operation, make.__name__
@@ -124,10 +126,9 @@ def attack(world, act, place, operation, make):
         return False
     if act is tamper:
         gc.freeze()  # all that there is now is none of the operation's
-    world.act = functools.partial(act, world)
+    world.act = lambda: act(world) if len(world.uses) <= BUSY else None
     outcome = result(operation.call, world)
     world.act = None
-    gc.unfreeze()
     world.leave()
     assert not (isinstance(outcome, tuple) and outcome and outcome[0] is SystemError), outcome
     return bool(world.uses)
@@ -139,6 +140,8 @@ def check_sound(world):
         assert world.lock.acquire(blocking=False), "the lock is held"
     tracker = world.tracker
     tracker._lock, tracker._limits = threading.Lock(), SimpleNamespace(disable_after_errors=2, disable_cooldown_s=60)
+    for name in ("_flush_health", "_flush_usage", "_usage_rows"):
+        vars(tracker).pop(name, None)
     for name, kind in {"_state": dict, "_usage": dict, "_dirty": set}.items():
         setattr(tracker, name, kind())
     for _ in range(2):
