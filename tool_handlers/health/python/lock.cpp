@@ -6,11 +6,14 @@ namespace health::py {
 
 namespace {
 
-/// A native method of a type, of its own and no other's; empty if it has none.
-Ref own_method(PyTypeObject* type, const char* name) {
-    Ref method = Ref::borrow_optional(PyDict_GetItemString(type->tp_dict, name));
-    const bool is_own = method && Py_IS_TYPE(method.get(), &PyMethodDescr_Type) && PyDescr_TYPE(method.get()) == type;
-    return is_own ? std::move(method) : Ref();
+/// The definition of a native method of a type, of its own and no other's, if it is called so; else nullptr.
+PyMethodDef* own_method(PyTypeObject* type, const char* name, int flags) {
+    PyObject* method = PyDict_GetItemString(type->tp_dict, name);
+    if (method == nullptr || !Py_IS_TYPE(method, &PyMethodDescr_Type) || PyDescr_TYPE(method) != type) {
+        return nullptr;
+    }
+    PyMethodDef* definition = reinterpret_cast<PyMethodDescrObject*>(method)->d_method;
+    return definition->ml_flags == flags ? definition : nullptr;
 }
 
 /// A special method as a `with` statement looks it up: on the type, and bound. `missed` ends the text of the error
@@ -38,28 +41,27 @@ void LockMethods::bind() {
         !PyType_HasFeature(lock_type, Py_TPFLAGS_HEAPTYPE)) {
         return;
     }
-    const Ref locked = own_method(lock_type, "locked");
-    Ref acquire = own_method(lock_type, "acquire");
-    Ref release = own_method(lock_type, "release");
-    if (!locked || !acquire || !release ||
-        reinterpret_cast<PyMethodDescrObject*>(locked.get())->d_method->ml_flags != METH_NOARGS) {
-        return;
+    const PyMethodDef* locked = own_method(lock_type, "locked", METH_NOARGS);
+    const PyMethodDef* acquire = own_method(lock_type, "acquire", METH_VARARGS | METH_KEYWORDS);
+    const PyMethodDef* release = own_method(lock_type, "release", METH_NOARGS);
+    if (locked != nullptr && acquire != nullptr && release != nullptr) {
+        locked_ = locked->ml_meth;
+        acquire_ = reinterpret_cast<PyCFunctionWithKeywords>(reinterpret_cast<void (*)()>(acquire->ml_meth));
+        release_ = release->ml_meth;
+        type_ = Ref::borrow(type.get());
     }
-    locked_ = reinterpret_cast<PyMethodDescrObject*>(locked.get())->d_method->ml_meth;
-    acquire_ = std::move(acquire);
-    release_ = std::move(release);
-    type_ = Ref::borrow(type.get());
 }
 
 void LockMethods::acquire(PyObject* lock) const {
-    const Ref done = Ref::steal(PyObject_CallOneArg(acquire_.get(), lock));
+    const Ref no_arguments = Ref::steal(PyTuple_New(0));
+    const Ref done = Ref::steal(acquire_(lock, no_arguments.get(), nullptr));
 }
 
-bool LockMethods::try_acquire(PyObject* lock) const { return is_true(call(acquire_.get(), lock, Py_False).get()); }
-
-void LockMethods::release(PyObject* lock) const {
-    const Ref done = Ref::steal(PyObject_CallOneArg(release_.get(), lock));
+bool LockMethods::try_acquire(PyObject* lock) const {
+    return is_true(Ref::steal(acquire_(lock, make_tuple(Py_False).get(), nullptr)).get());
 }
+
+void LockMethods::release(PyObject* lock) const { const Ref done = Ref::steal(release_(lock, nullptr)); }
 
 EnteredLock::EnteredLock(const LockMethods& methods, PyObject* lock) : methods_(methods), lock_(Ref::borrow(lock)) {
     if (!methods_.is_native(lock)) {

@@ -46,9 +46,9 @@ public:
     void release(PyObject* lock) const;
 
 private:
-    Ref type_;
-    Ref acquire_;
-    Ref release_;
+    Ref type_;  // immutable, so its methods stay as they are
+    PyCFunctionWithKeywords acquire_ = nullptr;
+    PyCFunction release_ = nullptr;
     PyCFunction locked_ = nullptr;
 };
 

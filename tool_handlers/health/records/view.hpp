@@ -87,14 +87,18 @@ public:
 
     /// The same, also for an object that is plain but for having been asked for its `__dict__`.
     [[nodiscard]] PyObject* get_stored(Field field) const {
-        PyObject* dict = class_.layout.dict_of(object_);
-        return dict != nullptr ? py::find(dict, name_of(field)) : get_borrowed(field);
+        PyObject** values = class_.layout.values_of(object_);
+        PyObject* dict = values != nullptr ? nullptr : class_.layout.dict_of(object_);
+        if (values != nullptr) {
+            return values[field];
+        }
+        return dict != nullptr ? py::find(py::Ref::borrow(dict).get(), name_of(field)) : nullptr;
     }
 
     /// The value of a field. Runs Python code only if the object is not plain. Throws an AttributeError where there is
     /// none.
     [[nodiscard]] py::Ref get(Field field) const {
-        PyObject* value = get_borrowed(field);
+        PyObject* value = get_stored(field);
         return value != nullptr ? py::Ref::borrow(value) : py::get_attribute(object_, name_of(field));
     }
 
@@ -107,8 +111,13 @@ public:
             value.swap_with(values[field]);
             return value;
         }
-        py::Ref replaced = py::Ref::borrow_optional(get_stored(field));
-        py::check(PyObject_SetAttr(object_, name_of(field), value.get()));
+        const py::Ref dict = py::Ref::borrow_optional(class_.layout.dict_of(object_));
+        if (!dict) {
+            py::check(PyObject_SetAttr(object_, name_of(field), value.get()));
+            return {};
+        }
+        py::Ref replaced = py::Ref::borrow_optional(py::find(dict.get(), name_of(field)));
+        py::check(PyDict_SetItem(dict.get(), name_of(field), value.get()));
         return replaced;
     }
 
