@@ -12,8 +12,8 @@ import warnings
 import weakref
 from types import SimpleNamespace
 
-from harness import OPERATIONS, World, import_afresh, native_host
-from support import health, in_thread, result, run_child
+from harness import OPERATIONS, World, dying, import_afresh, native_host, put, wrapped
+from support import PATIENCE_S, health, in_thread, result, run_child
 
 try:
     import _xxsubinterpreters as interpreters
@@ -21,49 +21,30 @@ except ImportError:
     interpreters = None
 
 
-def acting(**methods):
-    return type("Acting", (), methods)()
-
-
-# Where a thread is when the interpreter ends: in which operation; in whose attribute, as what, it calls a function that
-# does not come back (itself, where nothing is said).
-SELF = lambda stay: stay  # noqa: E731
-HEALTH, TRACKER, DATABASE = (lambda world: health), (lambda world: world.tracker), (lambda world: world.db)
-STATE, USAGE = (lambda world: world.tracker._state["a"]), (lambda world: world.tracker._usage["a", "x", "ok", True])
+# Where a thread is when the interpreter ends, and never comes back: the operation, the place of an odd value, and which
+# use of that it is.
 # fmt: off
-PLACES = {
-    "threshold": ("error of a new tool", TRACKER, "_limits", lambda stay: acting(disable_after_errors=property(stay))),
-    "cooldown": ("ask for a disabled tool", TRACKER, "_limits", lambda stay: acting(disable_cooldown_s=property(stay))),
-    "clock": ("success of a marked tool", lambda world: time, "time", SELF),
-    "sum": ("count a known key", USAGE, "total_ms", lambda stay: acting(__iadd__=stay)),
-    "slowness": ("summary", HEALTH, "is_slow_call", SELF),
-    "registry": ("construct", HEALTH, "TOOLS", lambda stay: SimpleNamespace(get=stay)),
-    "action": ("construct", HEALTH, "TOOLS", lambda stay: {"a": SimpleNamespace(action=stay)}),
-    "read rows": ("construct", DATABASE, "fetchall", SELF),
-    "read document": ("construct", DATABASE, "fetchone", SELF),
-    "write rows": ("flush", DATABASE, "executemany", SELF),
-    "write document": ("flush", DATABASE, "execute", SELF),
-    "blocked write": ("flush", DATABASE, "execute", lambda stay: lambda *args: stay(pause_s=0.001)),
-    "report": ("performance report", HEALTH, "get_timing_collector", SELF),
-    "census": ("thread census", HEALTH, "thread_census", SELF),
-    "held lock": ("success of a marked tool", TRACKER, "_lock", lambda stay: locked(stay)),
-    "entry": ("success of a marked tool", TRACKER, "_lock", lambda stay: acting(__enter__=stay, __exit__=stay)),
-    "exit": ("success of a marked tool", TRACKER, "_lock", lambda stay: acting(__enter__=id, __exit__=stay)),
-    "replaced value": ("error of a marked tool", STATE, "last_error", lambda stay: acting(__del__=stay)),
-    "replaced mark": ("count a known key", TRACKER, "_usage_dirty", lambda stay: acting(__del__=stay)),
-    "listed value": ("summary", TRACKER, "_usage", lambda stay: {("a", acting(__del__=stay), "", 1): health._Usage()}),
-    "exit of a failure": ("count nonsense", TRACKER, "_lock", lambda stay: acting(__enter__=id, __exit__=stay)),
-    "failure": ("count nonsense", USAGE, "calls", lambda stay: acting(__iadd__=lambda *_: acting(__del__=stay))),
-}
+STOPS = (
+    ("error of a new tool", "tracker _limits", ".disable_after_errors"),
+    ("ask for a disabled tool", "tracker _limits", ".disable_cooldown_s"),
+    ("success of a dirty tool", "clock", "__call__"),
+    ("count a known key", "counts total_ms", "__add__"),
+    ("summary", "module is_slow_call", "__call__"),
+    ("construct", "module TOOLS", ".get"),
+    ("construct", "rows", "__call__"),
+    ("construct", "document", "__call__"),
+    ("flush", "write of rows", "__call__"),
+    ("flush", "write of a document", "__call__"),
+    ("performance report", "module get_timing_collector", "__call__"),
+    ("thread census", "module thread_census", "__call__"),
+    ("success of a dirty tool", "tracker _lock", "__enter__"),
+    ("success of a dirty tool", "tracker _lock", "__exit__"),
+    ("count nonsense", "tracker _lock", "__exit__"),
+    ("error of a dirty tool", "state last_error", "__del__"),
+    ("count a known key", "tracker _usage_dirty", "__del__"),
+    ("success of a dirty tool", "", ""),
+)
 # fmt: on
-
-
-def locked(stay):
-    """A held lock; the thread that is to wait for it does so at once."""
-    lock = threading.Lock()
-    lock.acquire()
-    in_thread(stay)
-    return lock
 
 
 class Last:
@@ -84,27 +65,26 @@ class Last:
         write(1, f"{used} late".encode())
 
 
-def stop_inside(place):
-    """In a child: end the interpreter while a thread is there."""
+def stop_inside(operation, place, use):
+    """In a child: end the interpreter while a thread is there, or waits for the lock where no place is given."""
     native_host().start()
     world, inside, main = World(), threading.Event(), threading.get_ident()
+    OPERATIONS[operation].begin(world)
+    sys.modules["__main__"].last = last = Last(world.tracker)
 
-    def stay(*args, pause_s=0):
-        inside.set()
-        while threading.get_ident() != main:
-            time.sleep(pause_s) if pause_s else None
+    def stay():
+        while world.uses[-1] == use and threading.get_ident() != main:
+            inside.set()
 
-    name, target, attribute, value = PLACES[place]
-    operation = OPERATIONS[name]
-    operation.prepare(world)
-    last = sys.modules["__main__"].last = Last(world.tracker)
-    setattr(target(world), attribute, value(stay))
-    if place == "held lock":
-        last.lock = world.tracker._lock
-    if place == "listed value":
-        health.is_slow_call = lambda *key: world.tracker._usage.clear()
-    in_thread(lambda: operation.run(world))
-    inside.wait()
+    if place:
+        put(world, place, dying if use == "__del__" else wrapped)
+        world.act = stay
+    else:
+        last.lock = world.lock
+        world.lock.acquire()
+        in_thread(inside.set)
+    in_thread(lambda: OPERATIONS[operation].run(world))
+    assert inside.wait(PATIENCE_S)
 
 
 def work_at_exit():
@@ -115,7 +95,7 @@ def work_at_exit():
     def work(running, forever):
         while True:
             for operation in OPERATIONS.values():
-                result(operation.prepare, world)
+                result(operation.begin, world)
                 result(operation.run, world)
             running.set()
             if not forever:
@@ -221,9 +201,9 @@ class Endings(unittest.TestCase):
 
     def test_interpreter_with_a_thread_inside(self):
         """The thread ends where it is, and the tracker serves on."""
-        for place in PLACES:
-            with self.subTest(place):
-                self.assertRegex(self.run_apart("stop_inside(sys.argv[1])", place), r"^\(None, .* late$")
+        for stop in STOPS:
+            with self.subTest(stop):
+                self.assertRegex(self.run_apart("stop_inside(*sys.argv[1:])", *stop), r"^\(None, .* late$")
 
     def test_operations_at_exit(self):
         self.run_apart("work_at_exit()")
