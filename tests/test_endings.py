@@ -58,7 +58,7 @@ class Last:
     def __del__(self, listdir=os.listdir, sleep=time.sleep, write=os.write, result=result):
         tracker = self.tracker
         if self.lock:
-            self.lock.release()  # to the thread that waits for it, which is ended then and keeps it
+            self.lock.release()  # where a thread waits for it, that is ended then and keeps it
         while len(listdir("/proc/self/task")) > 1:
             sleep(0.001)
         used = result(tracker.record_success, "c"), result(tracker.is_disabled, "b"), result(tracker.get_health_summary)
@@ -80,9 +80,10 @@ def stop_inside(operation, place, use):
         put(world, place, dying if use == "__del__" else wrapped)
         world.act = stay
     else:
-        last.lock = world.lock
         world.lock.acquire()
         in_thread(inside.set)
+    if use in ("", "__exit__"):
+        last.lock = world.lock
     in_thread(lambda: OPERATIONS[operation].run(world))
     assert inside.wait(PATIENCE_S)
 
