@@ -7,10 +7,10 @@ import tracemalloc
 import unittest
 from array import array
 from functools import partial
-from unittest import mock
 
-from harness import MANY, OPERATIONS, READ_STATES, READ_USAGE, RECORD, Operation, World, method, native_host
-from support import health
+from harness import MANY, OPERATIONS, PLACES, READ_STATES, READ_USAGE, Operation, World, counting, deleted, method
+from harness import native_host, put, unfit
+from support import count, health
 
 CALLS = 8  # of each operation in a round
 ROUNDS = 5  # at most: what the runtime keeps for itself comes to an end
@@ -19,60 +19,45 @@ BYTES = 24  # the smallest object
 # What is there from the import on: every type, the module, all that it holds, seen or not, and its functions' names.
 TRACKER = health.ToolHealthTracker
 METHODS = [getattr(member, "fget", member) for member in vars(TRACKER).values()]
-LASTING = [*METHODS, *(getattr(m, "__qualname__", m) for m in METHODS), *vars(health).values(), RECORD]
+LASTING = [*METHODS, *(getattr(m, "__qualname__", m) for m in METHODS), *vars(health).values()]
 LASTING += [health, *gc.get_referents(health), *(o for o in gc.get_objects() if isinstance(o, type))]
 
-TIMED = {"outcome": "ok", "alias_hit": True, "duration_ms": 2.5}
 MORE = {
-    "no object": Operation(lambda world: TRACKER.flush(), error=TypeError),
-    "another object": Operation(lambda world: TRACKER.flush(world), error=TypeError),
+    "no object": Operation(lambda world: TRACKER.flush, error=TypeError),
+    "another object": Operation(lambda world: TRACKER.flush, 5, error=TypeError),
     "surplus argument": method("flush", 5, error=TypeError),
-    "unknown name": method("is_disabled", tool="a", error=TypeError),
-    "argument twice": method("record_success", "a", tool_name="a", error=TypeError),
+    "unknown name": Operation(lambda world: partial(world.tracker.is_disabled, tool="a"), error=TypeError),
+    "argument twice": Operation(lambda world: partial(world.tracker.is_disabled, tool_name="a"), "a", error=TypeError),
     "name that is no key": method("record_success", [], error=TypeError),
-    "part that is no key": method("record_call", "a", {}, **TIMED, error=TypeError),
-    "many new keys": Operation(lambda world: [world.tracker.record_call("a", x, **TIMED) for x in MANY]),
-    "signature": Operation(lambda world: TRACKER.flush.__signature__),
-    "cycle": Operation(lambda world: setattr(world.tracker, "own", world.tracker)),
+    "part that is no key": counting("a", {}, error=TypeError),
+    "many new keys": Operation(lambda world: lambda: [count(world.tracker, "a", action) for action in MANY]),
+    "cycle": Operation(lambda world: lambda: setattr(world.tracker, "own", world.tracker)),
 }
 
 # Faults, one of which is there in every operation of a round, for all the ways out of them.
-FIELDS = "_repo", "_limits", "_lock", "_state", "_dirty", "_usage", "_usage_dirty"
-LENT = "TOOLS", "is_slow_call", "get_timing_collector", "thread_census", "logger", "time", "threading", "ToolsConfig"
-LENT += "_ToolState", "_Usage", "_sqlite_time", "_epoch", "_known"
 ROWS = None, [()], [("a",)], [("a", "x", 1, None, None, None)], [("a", 1, 1, None, "then", "then")]
 DOCUMENTS = "[", "[" * 9999, "[5]", '[{"tool":"a"}]', '[{"tool":"a","action":null,"outcome":[],"alias_hit":0}]'
 
 
-def set_field(name, world):
-    setattr(world.tracker, name, object())
-
-
-def drop_field(name, world):
-    delattr(world.tracker, name)
-
-
-def set_answer(name, statement, answer, world):
-    setattr(world.db, name, {statement: answer}.get)
-
-
-def lend(name, world):
-    return mock.patch.object(health, name, object())
+def answer(name, statement, value, world):
+    setattr(world.db, name, {statement: value}.get)
 
 
 FAULTS = {"none": lambda world: None}
-FAULTS |= {f"{fault.__name__} {name}": partial(fault, name) for fault in (set_field, drop_field) for name in FIELDS}
-FAULTS |= {f"rows {rows}": partial(set_answer, "fetchall", READ_STATES, rows) for rows in ROWS}
-FAULTS |= {f"document {text:.50}": partial(set_answer, "fetchone", READ_USAGE, (text,)) for text in DOCUMENTS}
-FAULTS |= {f"odd {name}": partial(lend, name) for name in LENT}
+FAULTS |= {f"unfit {place}": partial(put, place=place, make=unfit(5)) for place in PLACES}
+FAULTS |= {f"deleted {place}": partial(put, place=place, make=deleted) for place in PLACES if place.startswith("tracker")}
+FAULTS |= {f"rows {rows}": partial(answer, "fetchall", READ_STATES, rows) for rows in ROWS}
+FAULTS |= {f"document {text:.50}": partial(answer, "fetchone", READ_USAGE, (text,)) for text in DOCUMENTS}
 
 
 def run(operation, fault):
     """One call, after which nothing of its world is left."""
     world = World()
-    operation.prepare(world)
-    with contextlib.suppress(Exception), fault(world) or contextlib.nullcontext():
+    operation.begin(world)
+    fault(world)
+    with contextlib.suppress(Exception):
         operation.call(world)
+    world.leave()
 
 
 def measure(operations, fault, figures):
@@ -107,7 +92,7 @@ class Leaks(unittest.TestCase):
         operations = OPERATIONS | MORE
         for operation in operations.values():
             world = World()
-            operation.prepare(world)
+            operation.begin(world)
             operation.run(world)  # ends as it is to end, when there is no fault
         self.addCleanup(gc.unfreeze)
         gc.freeze()  # collections then look only at what comes now

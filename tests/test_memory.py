@@ -3,14 +3,16 @@
 It is tried in other processes, so that a crash is one failed case.
 """
 
+import builtins
 import gc
+import itertools
 import json
 import sys
 import time
 import unittest
 from unittest import mock
 
-from harness import OPERATIONS, World, always, native_host, shown
+from harness import OPERATIONS, REAL_CLOCK, Operation, World, always, import_afresh, native_host, shown
 from support import health, run_child
 
 try:
@@ -22,27 +24,50 @@ CALM = 8  # so many points in a row that show no effect: there are no more
 # The runtime's own Python code does not survive this: with no memory at all it enters its handlers for ever.
 ONCE_ONLY = ("epoch of a lenient text",)
 # Where the runtime itself loses something when it has no memory, as in making a list of another.
-RUNTIME_LEAKS = ("construct", "time of a bool", "epoch of a lenient text", "copy a record", "import")
+RUNTIME_LEAKS = ("construct", "time of a bool", "epoch of a lenient text", "import")
 # What the runtime makes of a MemoryError: of a lock it cannot have, and of a traceback it cannot lengthen.
-RUNTIME_ERRORS = ("can't allocate lock", "error return without exception set")
+RUNTIME_ERRORS = ("can't allocate lock", "error return without exception set", "returned NULL without setting an exception")
 
 
-def attempt(operation, world, first, last):
-    """Run while the allocations number ``first`` to ``last`` fail; all from the first on where that is 0. (Kept short:
+def import_when_compiled(failing=()):
+    """Import the module afresh. Allocations fail from its text's first statement on: what compiles the text is the
+    runtime's own code, which crashes when it has no memory."""
+
+    def import_first(*args):
+        builtins.__import__ = plain
+        _testcapi.set_nomemory(*failing)
+        return plain(*args)
+
+    plain = builtins.__import__
+    if failing:
+        _testcapi.remove_mem_hooks()
+        builtins.__import__ = import_first
+    return import_afresh().TOOL_USAGE_KEY
+
+
+def attempt(call, arguments, first, last):
+    """Call while the allocations number ``first`` to ``last`` fail; all from the first on where that is 0. (Kept short:
     far into a function the runtime needs memory to enter a handler.)"""
+    if call is import_when_compiled:
+        arguments = ((first - 1, last),)
     _testcapi.set_nomemory(first - 1, last)
     try:
-        return operation.run(world)
+        return call(*arguments)
     finally:
         _testcapi.remove_mem_hooks()
+
+
+WARN = "construct without a history", "load", "load the counts"  # of every want of memory, as the construction does
+SWEPT = {name: operation for name, operation in OPERATIONS.items() if name not in WARN}
+SWEPT["import"] = Operation(lambda world: import_when_compiled)
 
 
 class Sweep:
     """One operation, tried at each of its failure points."""
 
     def __init__(self, name):
-        self.name, self.operation = name, OPERATIONS[name]
-        self.points = 0
+        self.name, self.operation = name, SWEPT[name]
+        self.is_asked_for_dicts = False
         world = self.make()
         self.before = shown(world.tracker)
         self.answer = shown(self.operation.run(world))
@@ -51,18 +76,23 @@ class Sweep:
 
     def make(self):
         world = World()
-        self.operation.prepare(world)
+        self.operation.begin(world)
+        if self.is_asked_for_dicts:
+            for owner in (world.tracker, *world.tracker._state.values(), *world.tracker._usage.values()):
+                vars(owner)
         return world
 
     def run(self):
-        clocks = time.time, always(time.time())
-        for clock in clocks:
-            for for_good in (False, True)[: 1 if self.name in ONCE_ONLY else 2]:
+        """The number of failure points."""
+        points = 0
+        for for_good, clock in itertools.product((False, True), (REAL_CLOCK, always(time.time()))):
+            if not (for_good and self.name in ONCE_ONLY):
                 with mock.patch("time.time", clock):
-                    self.points += self.sweep(for_good)
+                    points += self.sweep(for_good)
         if self.name not in RUNTIME_LEAKS and sys.getallocatedblocks():  # none where a sanitizer has the allocator
             self.check_leaks()
-        return self.points
+        self.is_asked_for_dicts = True
+        return points + self.sweep(False)
 
     def check_leaks(self):
         gc.collect()
@@ -90,9 +120,11 @@ class Sweep:
         warnings.clear()
         failed = False  # and not the error: the runtime has only so many to give away without memory
         try:
-            answer = shown(attempt(self.operation, world, first, last))
+            answer = shown(attempt(self.operation.bind(world), world.arguments.values(), first, last))
+        except self.operation.error:
+            answer = None
         except (MemoryError, RuntimeError, SystemError) as error:
-            assert type(error) is MemoryError or str(error) in RUNTIME_ERRORS, repr(error)
+            assert type(error) is MemoryError or str(error).endswith(RUNTIME_ERRORS), repr(error)
             failed = True
         assert not world.tracker._lock.locked(), "the lock is held"
         remembered = shown(world.tracker)
@@ -144,7 +176,7 @@ def sweep_all(names):
 @unittest.skipUnless(_testcapi, "needs _testcapi")
 class Memory(unittest.TestCase):
     def test_every_allocation_of_every_operation(self):
-        left, points = list(OPERATIONS), 0
+        left, points = list(SWEPT), 0
         while left:
             child = run_child("import sys, test_memory; test_memory.sweep_all(sys.argv[1:])", *left)
             for name, outcome in map(json.loads, child.stdout.splitlines()):
