@@ -3,13 +3,14 @@
 It is tried in other processes, so that a crash is one failed case.
 """
 
-import builtins
 import gc
 import itertools
 import json
+import logging
 import sys
 import time
 import unittest
+from functools import partial
 from unittest import mock
 
 from harness import OPERATIONS, REAL_CLOCK, Operation, World, always, import_afresh, native_host, shown
@@ -29,37 +30,29 @@ RUNTIME_LEAKS = ("construct", "time of a bool", "epoch of a lenient text", "impo
 RUNTIME_ERRORS = ("can't allocate lock", "error return without exception set", "returned NULL without setting an exception")
 
 
-def import_when_compiled(failing=()):
-    """Import the module afresh. Allocations fail from its text's first statement on: what compiles the text is the
-    runtime's own code, which crashes when it has no memory."""
-
-    def import_first(*args):
-        builtins.__import__ = plain
-        _testcapi.set_nomemory(*failing)
-        return plain(*args)
-
-    plain = builtins.__import__
-    if failing:
-        _testcapi.remove_mem_hooks()
-        builtins.__import__ = import_first
+def import_module():
     return import_afresh().TOOL_USAGE_KEY
 
 
 def attempt(call, arguments, first, last):
     """Call while the allocations number ``first`` to ``last`` fail; all from the first on where that is 0. (Kept short:
-    far into a function the runtime needs memory to enter a handler.)"""
-    if call is import_when_compiled:
-        arguments = ((first - 1, last),)
-    _testcapi.set_nomemory(first - 1, last)
+    far into a function the runtime needs memory to enter a handler.) An import fails from where the module makes its
+    logger: what comes before is the runtime compiling the module's text, which itself crashes without memory."""
+    begin = itertools.starmap(_testcapi.set_nomemory, [(first - 1, last)])
+    if call is import_module:
+        logging.getLogger = partial(next, begin)
+    else:
+        next(begin)
     try:
         return call(*arguments)
     finally:
         _testcapi.remove_mem_hooks()
+        logging.getLogger = callable
 
 
 WARN = "construct without a history", "load", "load the counts"  # of every want of memory, as the construction does
 SWEPT = {name: operation for name, operation in OPERATIONS.items() if name not in WARN}
-SWEPT["import"] = Operation(lambda world: import_when_compiled)
+SWEPT["import"] = Operation(lambda world: import_module)
 
 
 class Sweep:
