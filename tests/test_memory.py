@@ -3,14 +3,14 @@
 It is tried in other processes, so that a crash is one failed case.
 """
 
+import _thread
 import gc
 import itertools
 import json
-import logging
 import sys
+import threading
 import time
 import unittest
-from functools import partial
 from unittest import mock
 
 from harness import OPERATIONS, REAL_CLOCK, Operation, World, always, import_afresh, native_host, shown
@@ -34,20 +34,30 @@ def import_module():
     return import_afresh().TOOL_USAGE_KEY
 
 
+class Threads:
+    """Stands in for the module ``_thread``; when its lock type is read, allocations begin to fail. An import does that
+    once the module's text has run. That is left alone: when a ``def`` finds no memory, the runtime frees its code
+    twice."""
+
+    LockType = property(lambda self: _testcapi.set_nomemory(*self.failing) or type(self.lock))
+    lock = threading.Lock()
+
+    def __init__(self, *failing):
+        self.failing = failing
+
+
 def attempt(call, arguments, first, last):
     """Call while the allocations number ``first`` to ``last`` fail; all from the first on where that is 0. (Kept short:
-    far into a function the runtime needs memory to enter a handler.) An import fails from where the module makes its
-    logger: what comes before is the runtime compiling the module's text, which itself crashes without memory."""
-    begin = itertools.starmap(_testcapi.set_nomemory, [(first - 1, last)])
+    far into a function the runtime needs memory to enter a handler.)"""
     if call is import_module:
-        logging.getLogger = partial(next, begin)
+        sys.modules["_thread"] = Threads(first - 1, last)
     else:
-        next(begin)
+        _testcapi.set_nomemory(first - 1, last)
     try:
         return call(*arguments)
     finally:
         _testcapi.remove_mem_hooks()
-        logging.getLogger = callable
+        sys.modules["_thread"] = _thread
 
 
 WARN = "construct without a history", "load", "load the counts"  # of every want of memory, as the construction does
@@ -157,7 +167,7 @@ class Sweep:
 
 def sweep_all(names):
     """In a child: try these operations and print a line for each."""
-    with native_host(), mock.patch("dataclasses.dataclass", callable), mock.patch("logging.getLogger", callable):
+    with native_host():
         for name in names:
             try:
                 outcome = Sweep(name).run()
