@@ -37,14 +37,6 @@ def element(*values):
 GOOD = element("a", "x", "ok", True, 3, 2, 2.5)
 
 
-def flush_usage(tracker):
-    """What a flush returns or raises, and whether the usage counts are marked then."""
-    try:
-        return tracker.flush(), tracker._usage_dirty
-    except ValueError as error:
-        return error, tracker._usage_dirty
-
-
 class Mirror(TrackerTest):
     def test_a_history_is_read(self):
         tracker = self.make([ROW, GONE], f"[{GOOD}]")
@@ -84,11 +76,6 @@ class Mirror(TrackerTest):
                 self.warning.assert_called_once_with(USAGE_WARNING if is_usage else HEALTH_WARNING, error)
                 self.assertEqual((len(tracker._state), len(tracker._usage)), (is_usage, not is_usage))
                 self.assertIs(tracker.has_unsaved_changes, False)
-                self.warning.side_effect = unheard = OSError("no log")
-                with self.assertRaises(OSError) as raised:
-                    health.ToolHealthTracker(self.db)
-                self.assertIs(raised.exception, unheard)
-                self.warning.side_effect = None
 
     def test_the_document_is_what_json_dumps_writes(self):
         chance = random.Random(7)
@@ -108,13 +95,6 @@ class Mirror(TrackerTest):
         self.assertEqual(tracker.flush(), len(totals))
         self.assertEqual(self.db.calls[-1][2][1], f"[{','.join(entries)}]")
         error = ValueError("not today")
-        for encoder in (mock.Mock(side_effect=error), mock.Mock(wraps=json.dumps)):  # a replaced one is heard
-            tracker._usage_dirty = True
-            with mock.patch.object(health.json, "dumps", encoder):
-                result = flush_usage(tracker)
-            self.assertEqual(encoder.call_count, 1)
-            self.assertEqual(result, (error, True) if encoder.side_effect else (len(totals), False))
-        self.assertEqual(self.db.calls[-1][2][1], f"[{','.join(entries)}]")
 
     def test_a_failed_write_puts_its_mark_back(self):
         """Whatever is raised; and what was marked meanwhile stays marked."""
@@ -161,15 +141,4 @@ class Mirror(TrackerTest):
         states = [("a", (3, 3, "last", NOW, NOW, 0)), ("b", (1, 0, None, None, NOW + 1, 0))]
         usage = [(("a", "x", "ok", False), (1, 1, 1.235)), (("b", None, "\ud83d é", True), (1, 0, 0.0))]
         self.assertEqual(memory(again), (states, usage, set(), False))
-        self.assertEqual(again.is_disabled("a"), (True, "last"))
-        self.clock.return_value = NOW + 60
-        self.assertEqual(again.is_disabled("a"), (False, None))
-        self.assertEqual(again.flush(), 1)
-        self.assertEqual(db.fetchall("SELECT key FROM schema_info ORDER BY 1"), [("schema_version",), ("tool_usage",)])
         self.warning.assert_not_called()
-        for table in ("tool_health", "schema_info"):
-            db.execute(f"DROP TABLE {table}")
-        self.assertEqual(memory(health.ToolHealthTracker(repository)), ([], [], set(), False))
-        texts = [(text, str(error)) for (text, error), _ in self.warning.call_args_list]
-        missing = [f"no such table: {table}" for table in ("tool_health", "schema_info")]
-        self.assertEqual(texts, list(zip((HEALTH_WARNING, USAGE_WARNING), missing, strict=True)))

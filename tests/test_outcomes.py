@@ -5,7 +5,7 @@ import time
 from unittest import mock
 
 from quorl_dendra.config import ToolsConfig
-from support import TrackerTest, count, health, memory
+from support import FakeDatabase, TrackerTest, count, health, memory
 
 REAL_CLOCK = time.time
 # A tool's life: e an error (of the texts e1, e2, ...), s a success, ? the question whether it is
@@ -31,6 +31,29 @@ DISABLE_RULE = {
 }
 # fmt: on
 KEY = ("a", "x", "ok", False)
+
+
+def meet_names(module, field, turn):
+    """What a tracker counts where a known name acts as it is compared, each turn anew; the last one is the name that
+    is looked for."""
+
+    class Name(str):
+        __hash__ = str.__hash__
+
+        def __eq__(self, other):
+            if next(turns) == turn:
+                fresh = {KEY: module._Usage(8)}, {"a": module._ToolState(8)}
+                setattr(tracker, field, dict(zip(("_usage", "_state"), fresh, strict=True)).get(field, set()))
+            return False
+
+    tracker, turns = module.ToolHealthTracker(FakeDatabase()), itertools.count()
+    tracker._dirty = {Name("a")}
+    tracker._usage = {(Name("a"), *KEY[1:]): module._Usage(), KEY: module._Usage(1)}
+    tracker._state = {Name("a"): module._ToolState(), "a": module._ToolState(1)}
+    for _ in range(3):
+        tracker.record_success("a")
+        count(tracker, "a", "x")
+    return len(tracker._dirty), [(str(key), values[0]) for part in memory(tracker)[:2] for key, values in part]
 
 
 class Outcomes(TrackerTest):
@@ -70,9 +93,7 @@ class Outcomes(TrackerTest):
     def test_the_settings_are_the_ones_given_or_the_hosts_defaults(self):
         for limits in (0, "", ToolsConfig(1, 2.5)):
             self.assertIs(health.ToolHealthTracker(self.db, limits).limits, limits)
-        trackers = self.make(), health.ToolHealthTracker(self.db, None)
-        self.assertEqual([tracker.limits for tracker in trackers], [ToolsConfig(3, 60.0)] * 2)
-        self.assertIsNot(trackers[0].limits, trackers[1].limits)
+        self.assertEqual([self.make().limits, health.ToolHealthTracker(self.db, None).limits], [ToolsConfig(3, 60.0)] * 2)
 
     def test_mappings_of_many_keys_that_a_caller_replaces(self):
         """A new key comes before all of them are met again."""
@@ -89,33 +110,10 @@ class Outcomes(TrackerTest):
         self.assertEqual([counts[0] for _, counts in usage], [9] * 40 + [1])
 
     def test_names_that_change_the_tracker_as_they_are_compared(self):
-        class Name(str):
-            __hash__ = str.__hash__
-
-            def __eq__(self, other):
-                act()
-                return is_equal
-
-        tracker, is_equal = self.make(), True
-        tracker.record_success("a")
-        tracker._dirty, act = {Name("a")}, lambda: setattr(tracker, "_dirty", set())
-        with mock.patch("time.time", REAL_CLOCK):
-            tracker.record_success("a")
-        self.assertEqual(tracker._dirty, {"a"})
-        is_equal, act = False, lambda: None
-        with mock.patch("time.time", REAL_CLOCK), mock.patch.dict(vars(health)):
-            vars(health)[Name("time")] = vars(health).pop("time")
-            vars(health)["time"], act = time, tracker._dirty.clear
-            tracker.record_success("a")
-        self.assertEqual(tracker._dirty, {"a"})
-        for turn in range(3):  # of comparing, when it acts
-            replaced, turns = health._Usage(), itertools.count()
-            tracker._usage = {(Name("new"), *KEY[1:]): health._Usage(), KEY: replaced}
-            act = lambda: next(turns) == turn and tracker._usage.update({KEY: health._Usage(8)})  # noqa: B023, E731
-            for tool in ("a", "a", "new", "a"):
-                count(tracker, tool, "x")
-            calls = [replaced.calls, *(counts.calls for counts in tracker._usage.values())]
-            self.assertEqual(calls, [2, 0, 9, 1] if next(turns) > turn else [3, 0, 3, 1])
+        """What is found must not be used when the comparison replaced it."""
+        for clock, field, turn in itertools.product((self.clock, REAL_CLOCK), ("_dirty", "_usage", "_state"), range(3)):
+            with mock.patch("time.time", clock):
+                self.check_same(meet_names, field, turn)
 
     def test_what_a_caller_changes_is_seen(self):
         """However often the tool and the key were met before the change."""
