@@ -7,7 +7,6 @@ code, and so that the only Python code that runs in an operation is what a test 
 
 import _imp
 import copy
-import dataclasses
 import functools
 import importlib.util
 import itertools
@@ -174,8 +173,9 @@ def shown(value):
         return sorted(map(repr, set(set.__iter__(value))))
     if isinstance(value, dict):
         return shown(list(dict.items(value)))
-    is_now = isinstance(value, float) and value > 1.75e9 or isinstance(value, str) and TIME.match(value) and value > "2025"
-    return "now" if is_now else repr(value) if isinstance(value, Exception) else value
+    if isinstance(value, float) and value > 1.75e9 or isinstance(value, str) and TIME.match(value) and value > "2025":
+        return "now"
+    return repr(value) if isinstance(value, Exception) else value
 
 
 class Operation:

@@ -99,6 +99,8 @@ class RealDatabase(TrackerTest):
         self.assertFalse(tracker.has_unsaved_changes)
         states, usage, *_ = memory(tracker)
         self.assertEqual([row[:4] for row in stored(db)[0]], sorted((name, *state[:3]) for name, state in states))
+        restarted = memory(health.ToolHealthTracker(db))
+        self.assertEqual(restarted, (sorted((name, (*state[:5], 0)) for name, state in states), usage, set(), False))
         self.assertEqual(stored(db)[1], [(*key, *counts) for key, counts in usage])
 
     def test_garbage_in_columns(self):

@@ -135,17 +135,16 @@ def fork_while_held():
 IN_ANOTHER_INTERPRETER = """
 from types import SimpleNamespace
 from quorl_dendra.tool_handlers import health
-entry = '{"tool":"search","action":"text","outcome":"ok","alias_hit":false,"calls":1,"timed_calls":1,"total_ms":2.5}'
-row = ("search", 1, 0, None, None, "2001-2-3 4:5:6")
-db = SimpleNamespace(fetchall=lambda sql: [row], fetchone=lambda *_: (f"[{entry}]",))
-db.execute = db.executemany = lambda *_: None
-tracker = health.ToolHealthTracker(SimpleNamespace(db=db))
+row, database = ("search", 1, 0, None, None, "2001-02-03 04:05:06"), SimpleNamespace()
+database.fetchall, database.fetchone = lambda sql: [row], lambda *arguments: ("[]",)
+database.execute = database.executemany = lambda *arguments: None
+tracker = health.ToolHealthTracker(SimpleNamespace(db=database))
 tracker.own = tracker
 for _ in range(9):
     tracker.record_error("search", "bad")
     tracker.record_call("search", None, "é", alias_hit=True, duration_ms=1)
-assert tracker.is_disabled("search") == (True, "bad") and tracker.flush() == 3
-assert [row["calls"] for row in tracker.get_health_summary()[0]["usage"]] == [9, 1]
+assert tracker.is_disabled("search") == (True, "bad") and tracker.flush() == 2
+assert [row["calls"] for row in tracker.get_health_summary()[0]["usage"]] == [9]
 assert health._sqlite_time(True) == "1970-01-01 00:00:01" and health.thread_census_report(9)["budget"] == 9
 """
 
@@ -158,17 +157,8 @@ def use_subinterpreters():
         interpreters.run_string(other, IN_ANOTHER_INTERPRETER)
         interpreters.destroy(other)
         kept["tracker"].record_success("search")
-        exec(IN_ANOTHER_INTERPRETER, {})
     assert kept["tracker"]._state["search"].call_count == 16
     print("done", end="")
-
-
-def cycle_through(field):
-    def make(world):
-        setattr(world.tracker, field, [world.tracker])
-        return world.tracker
-
-    return make
 
 
 def use(module, world):
@@ -178,14 +168,14 @@ def use(module, world):
 
 # What holds itself: made with a world.
 CYCLES = {
-    **{f"tracker's {field}": cycle_through(field) for field in ("_repo", "_limits", "_state", "_usage_dirty", "more")},
+    "tracker": lambda world: vars(world.tracker).setdefault("own", world.tracker),
     "state of a tracker": lambda world: world.tracker._state.setdefault("own", world.tracker),
     "field of a state": lambda world: vars(world).setdefault("own", health._ToolState(last_error=world)),
     "field of a count": lambda world: vars(world).setdefault("own", health._Usage(total_ms=world)),
-    "attribute of a record": lambda world: vars(record := health._Usage()).setdefault("own", record),
-    "module": lambda world: import_afresh(),
     "module in use": lambda world: use(import_afresh(), world),
 }
+
+
 class Endless:
     """A sequence that is asked for only so much."""
 

@@ -98,8 +98,10 @@ def re_enter(world):
         result(OPERATIONS[name].bind(world), *OPERATIONS[name].arguments)
 
 
-ACTS = fail, clear, rebind, delete, unfit, grow, drop_fields, change_class, ask_for_dicts, replace_dicts, collect, tamper
-ACTS += (re_enter,)
+ACTS = (
+    fail, clear, rebind, delete, unfit, grow, drop_fields, change_class, ask_for_dicts, replace_dicts, collect, tamper,
+    re_enter,
+)  # fmt: skip
 
 
 def sweep():

@@ -1,12 +1,8 @@
 """The mirror in the database: what is read at construction, and what a flush writes."""
 
-import itertools
 import json
 import random
-import tempfile
-from unittest import mock
 
-from quorl_dendra.repository import Repository
 from support import NOW, NOW_TEXT, TrackerTest, count, health, memory
 
 COLUMNS = "tool_name, call_count, error_count, last_error, disabled_at, updated_at"
@@ -22,9 +18,6 @@ UPSERT = f"""INSERT INTO tool_health ({COLUMNS})
                         disabled_at = excluded.disabled_at,
                         updated_at = excluded.updated_at"""
 REPLACE = "INSERT OR REPLACE INTO schema_info (key, value) VALUES (?, ?)"
-HEALTH_WARNING, USAGE_WARNING = (
-    "Could not read the tool health history: %s", "Could not read the tool usage counts: %s"
-)  # fmt: skip
 ROW, GONE = ("a", 5, 2, "bad", None, NOW_TEXT), ("gone", 1, 0, None, None, NOW_TEXT)
 FIELDS = ("tool", "action", "outcome", "alias_hit", "calls", "timed_calls", "total_ms")
 
@@ -64,6 +57,7 @@ class Mirror(TrackerTest):
         tracker.__init__(self.db)
         self.assertEqual(self.db.calls, [READ_HEALTH, READ_USAGE])
 
+<<<<<<< HEAD
     def test_a_failed_read_is_warned_about_and_leaves_its_part_empty(self):
         """The warning's only argument is the error itself."""
         for operation in ("fetchall", "executemany", "fetchone"):
@@ -77,6 +71,8 @@ class Mirror(TrackerTest):
                 self.assertEqual((len(tracker._state), len(tracker._usage)), (is_usage, not is_usage))
                 self.assertIs(tracker.has_unsaved_changes, False)
 
+=======
+>>>>>>> t2
     def test_the_document_is_what_json_dumps_writes(self):
         chance = random.Random(7)
         totals = [12.34567, 5.0, 1e16, 9999999999999998.0, 1e22, 123456789012.34567, 2.0005, 0.0005, 7, True, 10**30]
@@ -96,28 +92,24 @@ class Mirror(TrackerTest):
         self.assertEqual(self.db.calls[-1][2][1], f"[{','.join(entries)}]")
         error = ValueError("not today")
 
-    def test_a_failed_write_puts_its_mark_back(self):
-        """Whatever is raised; and what was marked meanwhile stays marked."""
-        errors = (ValueError("full"), KeyboardInterrupt(), SystemExit(3), MemoryError())
-        for (operation, late), error in itertools.product((("executemany", "c"), ("execute", "a")), errors):
-            with self.subTest(operation, error=error):
+    def test_what_changes_while_a_write_fails_is_kept(self):
+        """Beside what the write had taken."""
+        for operation, meanwhile in (("executemany", "c"), ("execute", "a")):
+            with self.subTest(operation):
                 tracker = self.make([ROW])
                 tracker.record_success("a")
                 count(tracker, "a")
 
                 def fail(called):
                     if called == operation:
-                        tracker.record_error(late, "new")
-                        raise error
+                        tracker.record_error(meanwhile, "new")
+                        raise OSError
 
                 self.db.hook = fail
-                with self.assertRaises(type(error)) as raised:
-                    tracker.flush()
-                self.assertIs(raised.exception, error)
-                self.assertFalse(tracker._lock.locked())
-                self.assertEqual((tracker._dirty, tracker._usage_dirty), ({"a", late}, True))
-                self.assertEqual(self.db.calls[-1][0], operation)
+                self.assertRaises(OSError, tracker.flush)
+                self.assertEqual((tracker._dirty, tracker._usage_dirty), ({"a", meanwhile}, True))
                 self.db.hook = lambda called: None
+<<<<<<< HEAD
                 self.assertEqual(tracker.flush(), len({"a", late}) + 1)
                 self.assertEqual([row[0] for row in self.db.calls[-2][2]], sorted({"a", late}))
                 self.assertEqual((tracker._dirty, tracker._usage_dirty), (set(), False))
@@ -142,3 +134,8 @@ class Mirror(TrackerTest):
         usage = [(("a", "x", "ok", False), (1, 1, 1.235)), (("b", None, "\ud83d é", True), (1, 0, 0.0))]
         self.assertEqual(memory(again), (states, usage, set(), False))
         self.warning.assert_not_called()
+=======
+                self.assertEqual(tracker.flush(), len({"a", meanwhile}) + 1)
+                self.assertEqual([row[0] for row in self.db.calls[-2][2]], sorted({"a", meanwhile}))
+                self.assertFalse(tracker.has_unsaved_changes)
+>>>>>>> t2

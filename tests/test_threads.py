@@ -70,8 +70,8 @@ class Threads(unittest.TestCase):
                 helper.result()
         states, usage, *_ = memory(tracker)
         calls = WORKERS * ROUNDS
-        self.assertEqual([sum(column) for column in zip(*(state[:2] for _, state in states))], [2 * calls, calls])
-        self.assertEqual([sum(column) for column in zip(*(counts for _, counts in usage))], [2 * calls, calls, calls / 2])
+        self.assertEqual(totals(state[:2] for _, state in states), [2 * calls, calls])
+        self.assertEqual(totals(counts for _, counts in usage), [2 * calls, calls, calls / 2])
         for _ in range(3):
             attempt(tracker.flush)
         self.assertFalse(tracker.has_unsaved_changes or tracker._lock.locked())
@@ -79,6 +79,10 @@ class Threads(unittest.TestCase):
         self.assertEqual(rows, {name: state[:2] for name, state in states})
         entries = [tuple(entry.values()) for entry in json.loads(db.calls[-1][2][1])]
         self.assertEqual(entries, [(*key, *counts) for key, counts in usage])
+
+
+def totals(rows):
+    return [sum(column) for column in zip(*rows, strict=True)]
 
 
 def attempt(call, *args):
