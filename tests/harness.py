@@ -251,6 +251,7 @@ OPERATIONS = {
     "count nonsense": counting(*KEY, "long", error=TypeError),
     "count without a name": Operation(lambda world: world.tracker.record_call, error=TypeError),
     "success of a new tool": method("record_success", "new"),
+    "success that the dirty set grows for": method("record_success", "new", prepare=change(*"abc1")),
     "success of a known tool": method("record_success", "a"),
     "success of a dirty tool": method("record_success", "a", prepare=change("a")),
     "error of a new tool": method("record_error", "new", "text"),

@@ -26,6 +26,7 @@ DISABLE_RULE = {
     "e e e -10 +69": ((3, 3, "e3", 0, 0, 3), (True, "e3")),
     "N1 e": ((1, 1, "e1", 0, 0, 1), (True, "e1")),
     "e e N5 e": ((3, 3, "e3", None, 0, 3), (False, None)),
+    "e e e C60 +60": ((3, 3, "e3", 0, 0, 3), (False, None)),
     "e e e +30 C20": ((3, 3, "e3", 0, 0, 3), (False, None)),
     "C0 N0 e -1": ((1, 1, "e1", 0, 0, 1), (True, "e1")),
 }
@@ -75,20 +76,22 @@ class Outcomes(TrackerTest):
                 case "N":
                     tracker.limits.disable_after_errors = float(token[1:])
                 case "C":
-                    tracker.limits.disable_cooldown_s = float(token[1:])
+                    tracker.limits.disable_cooldown_s = int(token[1:])
                 case _:
                     self.clock.return_value += float(token)
         return tracker
 
     def test_the_disable_rule(self):
-        for script, (expected, answer) in DISABLE_RULE.items():
-            with self.subTest(script):
+        for (script, (expected, answer)), is_native in itertools.product(DISABLE_RULE.items(), (False, True)):
+            with self.subTest(script, is_native=is_native):
                 self.clock.return_value = 0
                 tracker = self.play(script)
                 states, *others = memory(tracker)
                 self.assertEqual(states, [("a", expected)] if expected else [])
                 self.assertEqual(others, [[], {"a"} if expected else set(), False])
-                self.assertEqual(tracker.is_disabled("a"), answer)
+                clock = float(self.clock.return_value).conjugate if is_native else self.clock
+                with mock.patch("time.time", clock):
+                    self.assertEqual(tracker.is_disabled("a"), answer)
 
     def test_the_settings_are_the_ones_given_or_the_hosts_defaults(self):
         for limits in (0, "", ToolsConfig(1, 2.5)):
