@@ -233,11 +233,11 @@ class Threads(TrackerTest):
                     world.tracker.flush()
                 is_over.set()
                 world.lock.release()
-                world.written.clear()
                 names = [*"abc", *MANY] if statement == "executemany" else []
                 if names:  # neither a call nor a write of the counts alone makes it forget
                     count(world.tracker, *KEY)
                     self.assertGreater(world.tracker._flush_usage(), 0)
+                world.written.clear()
                 check_nothing_is_lost(self, world.tracker, world.written, names)
 
     def test_who_waits_for_the_lock_lets_others_run_and_then_reads_anew(self):

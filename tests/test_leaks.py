@@ -45,11 +45,7 @@ def answer(name, statement, value, world):
 
 FAULTS = {"none": lambda world: None}
 FAULTS |= {f"unfit {place}": partial(put, place=place, make=unfit(5)) for place in PLACES}
-<<<<<<< HEAD
-FAULTS |= {f"deleted {place}": partial(put, place=place, make=deleted) for place in PLACES if place.startswith("tracker")}
-=======
 FAULTS |= {f"deleted {place}": partial(put, place=place, make=deleted) for place in PLACES}
->>>>>>> t2
 FAULTS |= {f"rows {rows}": partial(answer, "fetchall", READ_STATES, rows) for rows in ROWS}
 FAULTS |= {f"document {text:.50}": partial(answer, "fetchone", READ_USAGE, (text,)) for text in DOCUMENTS}
 

@@ -27,11 +27,7 @@ ONCE_ONLY = ("epoch of a lenient text",)
 # Where the runtime itself loses something when it has no memory, as in making a list of another.
 RUNTIME_LEAKS = ("construct", "time of a bool", "epoch of a lenient text", "import")
 # What the runtime makes of a MemoryError: of a lock it cannot have, and of a traceback it cannot lengthen.
-<<<<<<< HEAD
-RUNTIME_ERRORS = ("can't allocate lock", "error return without exception set", "returned NULL without setting an exception")
-=======
 RUNTIME_ERRORS = ("can't allocate lock", "return without exception set", "NULL without setting an exception")
->>>>>>> t2
 
 
 def import_module():

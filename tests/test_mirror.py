@@ -57,22 +57,6 @@ class Mirror(TrackerTest):
         tracker.__init__(self.db)
         self.assertEqual(self.db.calls, [READ_HEALTH, READ_USAGE])
 
-<<<<<<< HEAD
-    def test_a_failed_read_is_warned_about_and_leaves_its_part_empty(self):
-        """The warning's only argument is the error itself."""
-        for operation in ("fetchall", "executemany", "fetchone"):
-            with self.subTest(operation):
-                error, is_usage = ValueError("locked"), operation == "fetchone"
-                self.warning.reset_mock()
-                self.db.rows, self.db.answer = [ROW, GONE], (f"[{GOOD}]",)
-                self.db.hook = lambda called: called == operation and mock.Mock(side_effect=error)()
-                tracker = health.ToolHealthTracker(self.db)
-                self.warning.assert_called_once_with(USAGE_WARNING if is_usage else HEALTH_WARNING, error)
-                self.assertEqual((len(tracker._state), len(tracker._usage)), (is_usage, not is_usage))
-                self.assertIs(tracker.has_unsaved_changes, False)
-
-=======
->>>>>>> t2
     def test_the_document_is_what_json_dumps_writes(self):
         chance = random.Random(7)
         totals = [12.34567, 5.0, 1e16, 9999999999999998.0, 1e22, 123456789012.34567, 2.0005, 0.0005, 7, True, 10**30]
@@ -109,33 +93,6 @@ class Mirror(TrackerTest):
                 self.assertRaises(OSError, tracker.flush)
                 self.assertEqual((tracker._dirty, tracker._usage_dirty), ({"a", meanwhile}, True))
                 self.db.hook = lambda called: None
-<<<<<<< HEAD
-                self.assertEqual(tracker.flush(), len({"a", late}) + 1)
-                self.assertEqual([row[0] for row in self.db.calls[-2][2]], sorted({"a", late}))
-                self.assertEqual((tracker._dirty, tracker._usage_dirty), (set(), False))
-
-    def test_a_real_database_keeps_the_history(self):
-        folder = self.enterContext(tempfile.TemporaryDirectory())
-        repository = self.enterContext(Repository(f"{folder}/repository.sqlite3"))
-        db = repository.db
-        db.executemany("INSERT INTO tool_health VALUES (?, ?, ?, ?, ?, ?)", [GONE])
-        tracker = health.ToolHealthTracker(repository)
-        for text in ("é" * 600, "\U0001f600", "last"):
-            tracker.record_error("a", text)
-        self.clock.return_value += 1.75
-        tracker.record_success("b")
-        count(tracker, "a", "x", duration_ms=1.23456)
-        count(tracker, "b", None, "\ud83d é", alias_hit=True)
-        self.assertEqual(tracker.flush(), 4)
-        table = [("a", 3, 3, "last", NOW_TEXT, NOW_TEXT), ("b", 1, 0, None, None, "2023-11-14 22:13:21")]
-        self.assertEqual(db.fetchall("SELECT * FROM tool_health ORDER BY 1"), table)
-        again = health.ToolHealthTracker(repository)
-        states = [("a", (3, 3, "last", NOW, NOW, 0)), ("b", (1, 0, None, None, NOW + 1, 0))]
-        usage = [(("a", "x", "ok", False), (1, 1, 1.235)), (("b", None, "\ud83d é", True), (1, 0, 0.0))]
-        self.assertEqual(memory(again), (states, usage, set(), False))
-        self.warning.assert_not_called()
-=======
                 self.assertEqual(tracker.flush(), len({"a", meanwhile}) + 1)
                 self.assertEqual([row[0] for row in self.db.calls[-2][2]], sorted({"a", meanwhile}))
                 self.assertFalse(tracker.has_unsaved_changes)
->>>>>>> t2

@@ -96,12 +96,8 @@ class Outcomes(TrackerTest):
     def test_the_settings_are_the_ones_given_or_the_hosts_defaults(self):
         for limits in (0, "", ToolsConfig(1, 2.5)):
             self.assertIs(health.ToolHealthTracker(self.db, limits).limits, limits)
-<<<<<<< HEAD
-        self.assertEqual([self.make().limits, health.ToolHealthTracker(self.db, None).limits], [ToolsConfig(3, 60.0)] * 2)
-=======
         for tracker in (self.make(), health.ToolHealthTracker(self.db, None)):
             self.assertEqual(tracker.limits, ToolsConfig(3, 60.0))
->>>>>>> t2
 
     def test_mappings_of_many_keys_that_a_caller_replaces(self):
         """A new key comes before all of them are met again."""
