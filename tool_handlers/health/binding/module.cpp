@@ -75,7 +75,6 @@ int execute(PyObject* module) {
     PyObject* done = py::to_runtime([&] {
         const Ref capsule = make_state();
         auto& state = *static_cast<ModuleState*>(PyCapsule_GetPointer(capsule.get(), nullptr));
-        state.prepare();
         run_surface(module);
         state.bind(PyModule_GetDict(module));
         make_functions_native(module, capsule.get());

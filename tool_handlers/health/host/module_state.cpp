@@ -61,14 +61,8 @@ PyObject* bound(const Names& names, PyObject* globals, Name name) {
 
 }  // namespace
 
-void ModuleState::prepare() {
-    names.intern();
-    enabled_answer = py::make_tuple(Py_False, Py_None);
-    empty_record = make_empty(names, health_record_keys);
-    empty_row = make_empty(names, usage_row_keys);
-}
-
 void ModuleState::bind(PyObject* globals) {
+    names.intern();
     locks.bind();
     tool_state.bind(names, bound(names, globals, Name::_ToolState));
     usage.bind(names, bound(names, globals, Name::_Usage));
@@ -80,6 +74,9 @@ void ModuleState::bind(PyObject* globals) {
     originals.datetime = native_type(names, globals, Name::datetime);
     originals.timezone = native_type(names, globals, Name::timezone);
     originals.sqlite_timestamp = Ref::borrow(bound(names, globals, Name::_SQLITE_TIMESTAMP));
+    enabled_answer = py::make_tuple(Py_False, Py_None);
+    empty_record = make_empty(names, health_record_keys);
+    empty_row = make_empty(names, usage_row_keys);
 }
 
 Ref Module::get(Name name) const {

@@ -57,9 +57,7 @@ struct ModuleState {
     py::Ref empty_record;
     py::Ref empty_row;
 
-    /// Fills in what needs nothing of the namespace. Throws a MemoryError.
-    void prepare();
-    /// Fills in the rest, once all names are bound. Throws a MemoryError.
+    /// Fills it in, once all names of the module are bound. Throws a MemoryError.
     void bind(PyObject* globals);
 };
 

@@ -24,8 +24,6 @@ public:
     DeferredRefs();
     DeferredRefs(const DeferredRefs&) = delete;
     DeferredRefs& operator=(const DeferredRefs&) = delete;
-    DeferredRefs(DeferredRefs&&) = delete;
-    DeferredRefs& operator=(DeferredRefs&&) = delete;
     /// Runs Python code, unless another exception is on its way: then they are deferred again. The error indicator
     /// stays as it is.
     ~DeferredRefs() noexcept(false);

@@ -65,8 +65,6 @@ public:
     }
     HandledError(const HandledError&) = delete;
     HandledError& operator=(const HandledError&) = delete;
-    HandledError(HandledError&&) = delete;
-    HandledError& operator=(HandledError&&) = delete;
     ~HandledError() noexcept(false) {
         if (is_attached()) {
             PyErr_SetHandledException(outer_.get());

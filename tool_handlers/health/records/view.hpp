@@ -87,12 +87,11 @@ public:
 
     /// The same, also for an object that is plain but for having been asked for its `__dict__`.
     [[nodiscard]] PyObject* get_stored(Field field) const {
-        PyObject** values = class_.layout.values_of(object_);
-        PyObject* dict = values != nullptr ? nullptr : class_.layout.dict_of(object_);
-        if (values != nullptr) {
+        if (PyObject** values = class_.layout.values_of(object_)) {
             return values[field];
         }
-        return dict != nullptr ? py::find(py::Ref::borrow(dict).get(), name_of(field)) : nullptr;
+        const py::Ref dict = py::Ref::borrow_optional(class_.layout.dict_of(object_));
+        return dict ? py::find(dict.get(), name_of(field)) : nullptr;
     }
 
     /// The value of a field. Runs Python code only if the object is not plain. Throws an AttributeError where there is

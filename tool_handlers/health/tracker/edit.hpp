@@ -47,8 +47,6 @@ public:
     explicit Edit(ObjectClass<Fields>& record_class) : class_(record_class) {}
     Edit(const Edit&) = delete;
     Edit& operator=(const Edit&) = delete;
-    Edit(Edit&&) = delete;
-    Edit& operator=(Edit&&) = delete;
 
     // In an elided section nothing ends the thread before the values die, and an error comes only while all of them are
     // new plain ones: they need no look at the thread. (Measured: 5 % of record_success.)
