@@ -84,7 +84,7 @@ class Outcomes(TrackerTest):
     def test_the_disable_rule(self):
         for (script, (expected, answer)), is_native in itertools.product(DISABLE_RULE.items(), (False, True)):
             with self.subTest(script, is_native=is_native):
-                self.clock.return_value = 0
+                self.clock.return_value = 0.0
                 tracker = self.play(script)
                 states, *others = memory(tracker)
                 self.assertEqual(states, [("a", expected)] if expected else [])
