@@ -113,6 +113,13 @@ class Outcomes(TrackerTest):
         self.assertEqual([state[0] for _, state in states], [8] * 40 + [1])
         self.assertEqual([counts[0] for _, counts in usage], [9] * 40 + [1])
 
+    def test_more_keys_than_the_cache_has_places(self):
+        tracker = self.make()
+        for _ in range(3):
+            for number in range(2000):
+                count(tracker, "a", "x", str(number))
+        self.assertEqual({record.calls for record in tracker._usage.values()}, {3})
+
     def test_names_that_change_the_tracker_as_they_are_compared(self):
         """What is found must not be used when the comparison replaced it."""
         for clock, field, turn in itertools.product((self.clock, REAL_CLOCK), ("_dirty", "_usage", "_state"), range(3)):
