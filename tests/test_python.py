@@ -313,6 +313,7 @@ class Python(TrackerTest):
             self.check_tour(lambda m, t: put(m, name, mock.MagicMock(name=name)), name, "mock")
         for target in "json.dumps", "threading.Lock":
             self.check_tour(lambda m, t: mock.patch(target).start(), target)
+        self.check_tour(lambda m, t: mock.patch("json.loads", lambda text: []).start(), "json.loads")
         self.check_tour(lambda m, t: put(m, "_SQLITE_TIMESTAMP", "%H"))
         self.check_tour(lambda m, t: put(m, "datetime", type("Later", (datetime,), {})))
         self.check_tour(lambda m, t: put(m, "timezone", SimpleNamespace(utc=timezone(timedelta(hours=1)))))
@@ -372,6 +373,11 @@ class Python(TrackerTest):
             self.check(lambda m, t: described(function(m, name)), name)
             self.check(lambda m, t: list(calls_of_all_kinds(function(m, name), t)), name, "arguments")
             self.check_tour(lambda m, t: put(function(m, name), "__code__", gather.__code__), name, "code")
+
+    def test_code_that_a_tool_has_rewritten_runs(self):
+        known = load(health.__file__)._known
+        known.__code__ = known.__code__.replace(co_code=(lambda tool, action: tool).__code__.co_code)
+        self.assertEqual(known("a", None), "a")
 
     def test_questions_have_the_same_answers(self):
         for number, question in enumerate(QUESTIONS):
