@@ -59,15 +59,20 @@ class World:
     """A tracker with a history: the tool a is enabled, b disabled, the cooldown of c is over. ``written`` keeps what
     last reached the database by each statement. Made of the module or of its plain version."""
 
-    def __init__(self, module=health, lock=None):
-        self.module, self.written, self.arguments = module, {}, {}
-        self.db = FakeDatabase()
-        self.db.fetchall, self.db.fetchone = {READ_STATES: ROWS}.get, {READ_USAGE: (DOCUMENT,)}.get
-        self.db.execute = self.db.executemany = self.written.__setitem__
-        self.limits = SimpleNamespace(disable_after_errors=3, disable_cooldown_s=1_000_000_000)
+    def __init__(self, module=health, lock=None, names=(*"abc", *MANY)):
+        self.module, self.names, self.written, self.arguments = module, names, {}, {}
+        self.db, self.limits = FakeDatabase(), SimpleNamespace()
+        self.repair()
         self.tracker = self.construct()
         self.lock = self.tracker._lock = lock or self.tracker._lock
         self.uses, self.act, self.leave = [], None, lambda: None
+
+    def repair(self):
+        """The database works, with nothing written, and the settings are the first ones."""
+        self.written.clear()
+        self.db.fetchall, self.db.fetchone = {READ_STATES: ROWS}.get, {READ_USAGE: (DOCUMENT,)}.get
+        self.db.execute = self.db.executemany = self.written.__setitem__
+        self.limits.disable_after_errors, self.limits.disable_cooldown_s = 3, 1_000_000_000
 
     def construct(self):
         return self.module.ToolHealthTracker(self.db, self.limits)
@@ -77,7 +82,7 @@ class World:
             self.tracker.record_success(name)
 
     def change_all(self):
-        self.change("a", "b", "c", *MANY)
+        self.change(*self.names)
         self.tracker.record_call("b", "x", "é", alias_hit=True, duration_ms=12.5)
 
     def break_down(self, *statements):
@@ -248,8 +253,11 @@ OPERATIONS = {
     "count a known key": counting(*KEY, 7),
     "count again": counting(*KEY, 2.5, prepare=lambda world: count(world.tracker, *KEY)),
     "count an odd key": counting("a", 5, 2**70, "yes", 2**70),
+    "count a dictionary": counting("a", {}, error=TypeError),
     "count nonsense": counting(*KEY, "long", error=TypeError),
     "count without a name": Operation(lambda world: world.tracker.record_call, error=TypeError),
+    "success of a list": method("record_success", [], error=TypeError),
+    "success without a name": method("record_success", ""),
     "success of a new tool": method("record_success", "new"),
     "success that the dirty set grows for": method("record_success", "new", prepare=change(*"abc1")),
     "success of a known tool": method("record_success", "a"),
@@ -361,3 +369,19 @@ def put(world, place, make):
     if isinstance(owner, types.ModuleType):
         world.leave = lambda: write(owner, name, value)
     return True
+
+
+def play(world, operation, place, make, act=lambda world: None):
+    """The world after an operation with what ``make`` puts in a place, at each use of which it acted; nothing where
+    there is no such place."""
+    OPERATIONS[operation].begin(world)
+    if not put(world, place, make):
+        return None
+    world.act = functools.partial(act, world)
+    try:
+        world.outcome = shown(OPERATIONS[operation].call(world))
+    except BaseException as error:
+        world.outcome = shown(repr(error).replace(world.module.__name__, "the module"))
+    world.act = None
+    world.leave()
+    return world

@@ -10,7 +10,7 @@ from functools import partial
 from unittest import mock
 
 from harness import KEY, MANY, OPERATIONS, PLACES, REAL_CLOCK, World
-from harness import deleted, derived, import_afresh, native_host, put, shown, unfit, wrapped
+from harness import deleted, derived, native_host, play, shown, unfit, wrapped
 from support import NOW, PATIENCE_S, TrackerTest, baseline, count, health, in_thread
 
 # They walk over all that there is. The module does so once, where the plain version takes step by step what is next.
@@ -37,22 +37,12 @@ def stamp(tracker):
     return tracker._state["a"].updated_at
 
 
-def play(module, operation, place, make, act=lambda world: None):
-    """The world after an operation with what ``make`` puts in a place, at each use of which it acted; nothing where
-    there is no such place."""
+def play_with(module, *case):
+    """As `play`, in a world of that module."""
     with native_host(module):
-        world = World(module)
-        OPERATIONS[operation].begin(world)
-        if not put(world, place, make):
-            return None
-        world.act = partial(act, world)
-        try:
-            world.outcome = shown(OPERATIONS[operation].call(world))
-        except BaseException as error:
-            world.outcome = shown(repr(error).replace(module.__name__, "the module"))
-        world.act = None
-        world.leave()
-        world.warnings = repr(getattr(module.logger.warning, "__self__", None))
+        world = play(World(module), *case)
+        if world:
+            world.warnings = repr(getattr(module.logger.warning, "__self__", None))
         return world
 
 
@@ -76,12 +66,12 @@ class HostCode(unittest.TestCase):
     @staticmethod
     def look(module, *case):
         seen = []
-        world = play(module, *case, lambda world: seen.append((world.lock.locked(), shown(world.tracker))))
+        world = play_with(module, *case, lambda world: seen.append((world.lock.locked(), shown(world.tracker))))
         return world and world.uses, end(world), seen
 
     def check_same(self, *case, act=lambda world: None):
         """The plain version comes to the same end."""
-        ours, plain = (end(play(module, *case, act)) for module in (health, baseline))
+        ours, plain = (end(play_with(module, *case, act)) for module in (health, baseline))
         self.assertEqual(ours, plain)
 
     def test_odd_values_are_used_as_in_plain_python(self):
@@ -116,10 +106,9 @@ class HostCode(unittest.TestCase):
             uses, *_ = self.looks[*case, make][0]
             for number in range(len(uses) - 1, len(uses) + 1):
                 with self.subTest(case, make=make.__name__, number=number, error=error):
-                    world = play(health, *case, make, partial(fail_at, number, error))
+                    world = play_with(health, *case, make, partial(fail_at, number, error))
                     world.tracker._lock = threading.Lock()  # the other may be held: it could not be left
-                    world.written.clear()
-                    world.db.execute = world.db.executemany = world.written.__setitem__
+                    world.repair()
                     check_nothing_is_lost(self, world.tracker, world.written, names)
 
     def put_backs(self):
@@ -141,30 +130,10 @@ def check_nothing_is_lost(test, tracker, written, names):
     test.assertIs(tracker.has_unsaved_changes, False)
 
 
-# What is replaced, by what; what shows it, and what is shown.
-REPLACEMENTS = {
-    "ToolHealthTracker.cooldown_s": (0.0, lambda module: World(module).tracker.is_disabled("b"), (False, None)),
-    "ToolHealthTracker._load": (lambda self: None, lambda module: World(module).tracker._state, {}),
-    "ToolHealthTracker._load_usage": (lambda self: None, lambda module: World(module).tracker._usage, {}),
-    "ToolHealthTracker._flush_health": (lambda self: 40, lambda module: World(module).tracker.flush(), 41),
-    "time.time": (lambda: 6.0, lambda module: stamp(World(module).tracker), 6.0),
-    "threading.Lock": (threading.RLock, lambda module: type(World(module).tracker._lock), type(threading.RLock())),
-}
-
-
 class Threads(TrackerTest):
     def setUp(self):
         super().setUp()
         self.addCleanup(sys.setswitchinterval, sys.getswitchinterval())
-
-    def test_what_is_replaced_in_a_class_or_module_is_heard(self):
-        for name, (value, show, expected) in REPLACEMENTS.items():
-            module = import_afresh()  # its class does not become again what it was
-            with self.subTest(name), mock.patch("time.time", REAL_CLOCK), native_host(module):
-                self.assertNotEqual(show(module), expected)
-                owner, attribute = name.split(".")
-                with mock.patch.object(getattr(module, owner), attribute, value):
-                    self.assertEqual(show(module), expected)
 
     def test_a_module_of_another_type_is_heard(self):
         """Although the clock in its namespace is the runtime's own."""

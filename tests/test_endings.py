@@ -1,6 +1,5 @@
 """How things end: interpreters with threads inside the module, forked processes, subinterpreters, modules, trackers."""
 
-import atexit
 import gc
 import importlib
 import os
@@ -8,7 +7,6 @@ import sys
 import threading
 import time
 import unittest
-import warnings
 import weakref
 from types import SimpleNamespace
 
@@ -88,50 +86,6 @@ def stop_inside(operation, place, use):
     assert inside.wait(PATIENCE_S)
 
 
-def work_at_exit():
-    """In a child: every operation runs at exit, beside threads that never stop."""
-    native_host().start()
-    world, are_running = World(), [threading.Event() for _ in range(3)]
-
-    def work(running, forever):
-        while True:
-            for operation in OPERATIONS.values():
-                result(operation.begin, world)
-                result(operation.run, world)
-            running.set()
-            if not forever:
-                return
-
-    for running in are_running:
-        in_thread(lambda running=running: work(running, forever=True))
-        running.wait()
-    atexit.register(work, threading.Event(), forever=False)
-
-
-def fork_while_held():
-    """In a child: fork while another thread holds the lock. The new process has a tracker whose lock nobody will ever
-    release; all that it remembers is whole, with a new lock it works, and so do other trackers."""
-    warnings.simplefilter("ignore", DeprecationWarning)  # about forks beside threads
-    native_host().start()
-    world, is_held, may_end = World(), threading.Event(), threading.Event()
-    health.is_slow_call = lambda *key: is_held.set() or may_end.wait()
-    holder = in_thread(world.tracker.get_health_summary)
-    is_held.wait()
-    child = os.fork()
-    health.is_slow_call = lambda *key: False
-    if not child:
-        assert world.tracker._lock.locked()
-        world.tracker._lock = threading.Lock()
-    else:
-        assert os.waitpid(child, 0)[1] == 0
-        may_end.set()
-        holder.join()
-    for used in (world.tracker, World().tracker):
-        used.record_success("a")
-        assert used._state["a"].call_count == 6 and used.flush() == 2 and len(used.get_health_summary()) == 3
-    os._exit(0) if not child else print("done", end="")
-
-
 IN_ANOTHER_INTERPRETER = """
 from types import SimpleNamespace
 from quorl_dendra.tool_handlers import health
@@ -143,6 +97,8 @@ tracker.own = tracker
 for _ in range(9):
     tracker.record_error("search", "bad")
     tracker.record_call("search", None, "é", alias_hit=True, duration_ms=1)
+
+
 assert tracker.is_disabled("search") == (True, "bad") and tracker.flush() == 2
 assert [row["calls"] for row in tracker.get_health_summary()[0]["usage"]] == [9]
 assert health._sqlite_time(True) == "1970-01-01 00:00:01" and health.thread_census_report(9)["budget"] == 9
@@ -195,12 +151,6 @@ class Endings(unittest.TestCase):
         for stop in STOPS:
             with self.subTest(stop):
                 self.assertRegex(self.run_apart("stop_inside(*sys.argv[1:])", *stop), r"^\(None, .* late$")
-
-    def test_operations_at_exit(self):
-        self.run_apart("work_at_exit()")
-
-    def test_fork_while_the_lock_is_held(self):
-        self.assertEqual(self.run_apart("fork_while_held()"), "done")
 
     @unittest.skipUnless(interpreters, "needs _xxsubinterpreters")
     def test_subinterpreters(self):

@@ -13,7 +13,8 @@ import time
 import unittest
 from unittest import mock
 
-from harness import OPERATIONS, REAL_CLOCK, Operation, World, always, import_afresh, native_host, shown
+from harness import OPERATIONS, PLACES, REAL_CLOCK, Operation, World, always, import_afresh
+from harness import native_host, play, shown, unfit
 from support import health, run_child
 
 try:
@@ -192,3 +193,29 @@ class Memory(unittest.TestCase):
                     self.fail(f"crashed with {child.returncode}: {child.stderr}")
         print(f"{points} failure points", file=sys.stderr)
         self.assertGreater(points, 1000)
+
+
+class Leaks(unittest.TestCase):
+    def test_nothing_is_left_behind(self):
+        """Neither memory nor references, by operations that succeed and by ones that fail at an unfit value."""
+        self.enterContext(native_host())
+        self.addCleanup(gc.unfreeze)
+        gc.freeze()  # collections then look only at what comes now
+        rounds, tries = 8, 20
+        self.left_by("clock", 200)  # the look-up cache and what the runtime keeps for itself are full
+        for place in PLACES:
+            with self.subTest(place):
+                before = self.left_by(place, rounds)
+                for _ in range(tries):
+                    after = self.left_by(place, rounds)
+                    grown, before = max(new - old for old, new in zip(before, after, strict=True)), after
+                    if grown < rounds:
+                        break
+                self.assertLess(grown, rounds)
+
+    def left_by(self, place, rounds):
+        """The blocks of memory, and the references to what the module holds, after so many rounds of all operations."""
+        for operation in [*OPERATIONS] * rounds:
+            play(World(), operation, place, unfit(5))
+        gc.collect()
+        return sys.getallocatedblocks(), sum(map(sys.getrefcount, vars(health).values()))

@@ -12,7 +12,7 @@ from pathlib import Path
 from types import SimpleNamespace
 from unittest import mock
 
-from support import FakeDatabase, health, run_child
+from support import FakeDatabase, health
 
 SOURCES, BUILD = Path(os.environ["HEALTH_SOURCE_DIR"]), Path(os.environ["HEALTH_BUILD_DIR"])
 NAMES = "README.md", "CONTRIBUTING.md", "ARCHITECTURE.md", "docs/embedding.md"
@@ -22,27 +22,6 @@ DRY = {"make": "make -n", "ctest": "ctest -N", "scripts/build": "test -x scripts
 DRY['(.*)"[$].scripts/find-python."'] = r"\1python3.12"  # which loads what a sanitizer build needs
 NEW_DAEMON = "cp -r --no-preserve=mode standalone/. build/daemon"  # the sources may be read-only
 PRELOAD = os.environ.get("LD_PRELOAD", "")  # a sanitizer build needs the machine's C++ library
-# Statements in the place of `...` in the program below that bring forth an error which the README quotes.
-MISTAKES = (
-    "del tool_schemas.is_slow_call",
-    "del Database.fetchall",
-    "del Database.executemany",
-    "from quorl_dendra.tool_handlers.health import *; ToolHealthTracker.record_call(None, 'search', 'text', 'ok')",
-    "db.execute('DROP TABLE tool_health'); db.execute(f'CREATE TABLE tool_health ({COLUMNS})')",
-    """db.execute("INSERT INTO tool_health VALUES ('search', 'many', 0, NULL, NULL, NULL)")""",
-)
-PROGRAM = """
-from quorl_dendra import tool_schemas
-from quorl_dendra.repository import Database, Repository
-COLUMNS = "tool_name, call_count, error_count, last_error, disabled_at, updated_at"
-with Repository(":memory:") as repository:
-    db = repository.db
-    ...
-    from quorl_dendra.tool_handlers.health import ToolHealthTracker
-    tracker = ToolHealthTracker(repository)
-    tracker.record_success("search")
-    tracker.flush()
-"""
 
 
 def blocks(document: str) -> list[tuple[str, str]]:
@@ -132,10 +111,3 @@ class Documents(unittest.TestCase):
         self.assertEqual(keys(json.dumps(tracker.get_health_summary())), keys(told[0]))
         census = SimpleNamespace(os_threads=12, python_total=9, python_threads={"MainThread": 1, "worker": 8})
         self.assertEqual(health.thread_census_report(10, census), json.loads(told[2]))
-
-    def test_quoted_errors(self) -> None:
-        for mistake in MISTAKES:
-            with self.subTest(mistake):
-                child = run_child(PROGRAM.replace("...", mistake))
-                errors = re.sub(r"[^\s'(]*/[^\s'):]+", "…", child.stderr).splitlines()
-                self.assertIn(errors[-1], DOCUMENTS["README.md"])

@@ -77,7 +77,8 @@ class Threads(unittest.TestCase):
         self.assertFalse(tracker.has_unsaved_changes or tracker._lock.locked())
         rows = {row[0]: row[1:3] for call in db.calls if call[0] == "executemany" for row in call[2]}
         self.assertEqual(rows, {name: state[:2] for name, state in states})
-        entries = [tuple(entry.values()) for entry in json.loads(db.calls[-1][2][1])]
+        *_, (_, document) = [call[2] for call in db.calls if call[0] == "execute"]
+        entries = [tuple(entry.values()) for entry in json.loads(document)]
         self.assertEqual(entries, [(*key, *counts) for key, counts in usage])
 
 
