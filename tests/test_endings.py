@@ -1,7 +1,6 @@
 """How things end: interpreters with threads inside the module, forked processes, subinterpreters, modules, trackers."""
 
 import gc
-import importlib
 import os
 import sys
 import threading
@@ -155,21 +154,6 @@ class Endings(unittest.TestCase):
     @unittest.skipUnless(interpreters, "needs _xxsubinterpreters")
     def test_subinterpreters(self):
         self.assertEqual(self.run_apart("use_subinterpreters()"), "done")
-
-    def test_fresh_imports_and_reloads(self):
-        """A module of its own each time; a reload leaves the module as it is."""
-        tracker, kept = World().tracker, vars(health).copy()
-        others = [import_afresh() for _ in range(3)]
-        self.assertIs(importlib.reload(health), health)
-        self.assertEqual({**vars(health), **kept}, vars(health))
-        self.assertEqual(len({module._ToolState for module in (health, *others)}), 4)
-        for module in others:
-            other = module.ToolHealthTracker(tracker._repo)
-            other.record_success("a")
-            self.assertIs(type(other._state["a"]), module._ToolState)
-            self.assertRaises(TypeError, health.ToolHealthTracker.record_success, other, "a")
-        tracker.record_success("a")
-        self.assertEqual(tracker._state["a"].call_count, 1)
 
     def test_cycles_are_collected(self):
         for name, make in CYCLES.items():

@@ -94,7 +94,7 @@ def manager(leave, bind=staticmethod):
     """A lock that can be entered and left only, and notes what it is told."""
 
     def __exit__(*told):
-        notes.append(told)
+        notes.append((*told, sys.exc_info()[1]))
         return leave()
 
     notes = []
@@ -108,6 +108,7 @@ def fail():
 OTHER_FIELDS = (  # and what is put in their places, made of what was there
     *itertools.product(["_state", "_usage"], [OrderedDict, UserDict, partial(defaultdict, fail)]),
     *itertools.product(["_dirty"], [frozenset, list, dict.fromkeys]),
+    ("_dirty", type("Forgetful", (set,), {"update": set.intersection_update})),
     ("_lock", lambda lock: threading.RLock()),
     ("_lock", lambda lock: mock.MagicMock()),
     ("_lock", lambda lock: manager(bool)),
@@ -323,7 +324,8 @@ class Python(TrackerTest):
             if is_begun:  # it is being imported further up: a circle
                 stand_in.__spec__ = SimpleNamespace(_initializing=True)
             self.check(partial(import_beside, name, stand_in), name, is_begun)
-        for lock_type in None, dict, type("Odd", (), {"locked": dict.items, "acquire": dict.get}), type(threading.RLock()):
+        odd = type("Odd", (), {"locked": dict.items, "acquire": dict.get})
+        for lock_type in None, dict, odd, type(threading.RLock()):
             stand_in = SimpleNamespace(LockType=lock_type)
             self.check(partial(import_beside, "_thread", stand_in), lock_type)
 
