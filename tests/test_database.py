@@ -5,8 +5,6 @@ import itertools
 import json
 import signal
 import sqlite3
-import subprocess
-import sys
 import tempfile
 from pathlib import Path
 
@@ -14,21 +12,12 @@ from quorl_dendra.repository import Database
 from support import TrackerTest, count, health, memory, run_child
 
 NAMES = [f"tool-{number}" for number in range(80)]
-HOLD = """import sqlite3, sys
-connection = sqlite3.connect(sys.argv[1], isolation_level=None)
-connection.execute("BEGIN EXCLUSIVE")
-print("locked", flush=True)
-sys.stdin.read()"""
 # A tracker whose second flush is killed: before its second statement (0), or by the database's progress so far on.
 KILLED = """import os, signal, sys
 from test_database import *
 point = int(sys.argv[2])
-
-
 def kill():
     os.kill(os.getpid(), signal.SIGKILL)
-
-
 health.TOOLS.update(dict.fromkeys(NAMES, health.TOOLS["fetch"]))
 db = Database(sys.argv[1])
 db.db = db
@@ -41,8 +30,6 @@ if point:
     db._connection.set_progress_handler(lambda: kill() if next(steps) == point else 0, 50)
 else:
     db.execute = lambda *args: kill()
-
-
 tracker.flush()"""
 
 
@@ -57,17 +44,6 @@ def stored(db):
     rows = db.fetchall(f"SELECT {health._TOOL_HEALTH_COLUMNS} FROM tool_health ORDER BY tool_name")
     (document,) = db.fetchone("SELECT value FROM schema_info WHERE key = 'tool_usage'")
     return [tuple(row) for row in rows], [tuple(entry.values()) for entry in json.loads(document)]
-
-
-@contextlib.contextmanager
-def locked(path):
-    """By another process, for longer than the database waits."""
-    command = [sys.executable, "-c", HOLD, str(path)]
-    pipes = {"stdin": subprocess.PIPE, "stdout": subprocess.PIPE}
-    with subprocess.Popen(command, **pipes) as holder:
-        holder.stdout.readline()
-        yield
-        holder.stdin.close()
 
 
 class RealDatabase(TrackerTest):
@@ -92,7 +68,8 @@ class RealDatabase(TrackerTest):
         tracker.flush()
         change(tracker, "newer")
         before = memory(tracker)
-        with locked(self.path):
+        with contextlib.closing(sqlite3.connect(self.path, isolation_level=None)) as other:
+            other.execute("BEGIN EXCLUSIVE")
             for _ in range(2):
                 self.assertRaises(sqlite3.Error, tracker.flush)
             self.assertEqual(memory(tracker), before)

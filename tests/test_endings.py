@@ -96,8 +96,6 @@ tracker.own = tracker
 for _ in range(9):
     tracker.record_error("search", "bad")
     tracker.record_call("search", None, "é", alias_hit=True, duration_ms=1)
-
-
 assert tracker.is_disabled("search") == (True, "bad") and tracker.flush() == 2
 assert [row["calls"] for row in tracker.get_health_summary()[0]["usage"]] == [9]
 assert health._sqlite_time(True) == "1970-01-01 00:00:01" and health.thread_census_report(9)["budget"] == 9

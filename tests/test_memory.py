@@ -22,7 +22,6 @@ try:
 except ImportError:  # an interpreter without its tests
     _testcapi = None
 
-
 CALM = 8  # so many points in a row that show no effect: there are no more
 # The runtime's own Python code does not survive this: with no memory at all it enters its handlers for ever.
 ONCE_ONLY = ("epoch of a lenient text",)

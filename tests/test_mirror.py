@@ -2,7 +2,7 @@
 
 import json
 
-from support import NOW, NOW_TEXT, TrackerTest, count, health, memory
+from support import NOW_TEXT, TrackerTest, count, health
 
 COLUMNS = "tool_name, call_count, error_count, last_error, disabled_at, updated_at"
 READ_HEALTH = ("fetchall", f"SELECT {COLUMNS} FROM tool_health")
@@ -16,8 +16,6 @@ UPSERT = f"""INSERT INTO tool_health ({COLUMNS})
                         last_error = excluded.last_error,
                         disabled_at = excluded.disabled_at,
                         updated_at = excluded.updated_at"""
-
-
 REPLACE = "INSERT OR REPLACE INTO schema_info (key, value) VALUES (?, ?)"
 ROW, GONE = ("a", 5, 2, "bad", None, NOW_TEXT), ("gone", 1, 0, None, None, NOW_TEXT)
 FIELDS = ("tool", "action", "outcome", "alias_hit", "calls", "timed_calls", "total_ms")
@@ -28,15 +26,7 @@ def element(*values):
     return json.dumps(dict(zip(FIELDS, values, strict=True)), separators=(",", ":"))
 
 
-GOOD = element("a", "x", "ok", True, 3, 2, 2.5)
-
-
 class Mirror(TrackerTest):
-    def test_a_history_is_read(self):
-        tracker = self.make([ROW, GONE], f"[{GOOD}]")
-        states, usage = [("a", (5, 2, "bad", None, NOW, 0))], [(("a", "x", "ok", True), (3, 2, 2.5))]
-        self.assertEqual(memory(tracker), (states, usage, set(), False))
-
     def test_statements(self):
         """To the letter, in their order, and none while the lock is held."""
         tracker = health.ToolHealthTracker.__new__(health.ToolHealthTracker)

@@ -9,7 +9,6 @@ from quorl_dendra.utils.process import ThreadCensus
 from support import TrackerTest, health
 
 # fmt: off
-TOOLS = {"odd": SimpleNamespace(action={"empty": "", "none": None, "": 0}.get), "false": ()}
 CENSUSES = (  # the system's count and the runtime's, the budget
     (40, 9, 40), (41, 9, 40), (30, 50, 40), (0, 9, 8), (-1, 9, -2), (None, 40, 40), (None, 41, 40), (10**30, 1, 2.5),
     (True, 1, False), (None, None, 1), ("9", 1, 1), (9, 1, "8"),
@@ -23,11 +22,6 @@ NAMES = {"pool": [8], "a": 1}, [("a", 1), ("a", 3)], None, ["ab"], [1]  # of thr
 
 
 class Reports(TrackerTest):
-    def test_the_registry_is_asked_as_it_answers(self):
-        health.TOOLS.update(TOOLS)
-        for tool, action in itertools.product(["gone", *health.TOOLS], (None, "x", "z", "", "empty", "none")):
-            self.check_same(lambda module, *key: module._known(*key), tool, action)
-
     def test_averages_are_rounded_as_the_runtime_rounds(self):
         def average(module, timed, total):
             tracker = self.make(module=module)
