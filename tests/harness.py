@@ -158,8 +158,10 @@ def derived(world, value):
 
 
 def dying(world, value):
-    """An object that is odd in its finaliser only."""
-    return type("Dying", (), {"__del__": lambda self: world.used("__del__")})()
+    """The number or the text, or an object, that is odd in its finaliser only."""
+    kind = type(value) if type(value) in (int, float, str) else object
+    odd = type("Dying", (kind,), {"__del__": lambda self: world.used("__del__")})
+    return odd() if kind is object else odd(value)
 
 
 def shown(value):
