@@ -59,8 +59,8 @@ class World:
     """A tracker with a history: the tool a is enabled, b disabled, the cooldown of c is over. ``written`` keeps what
     last reached the database by each statement. Made of the module or of its plain version."""
 
-    def __init__(self, module=health, lock=None, names=(*"abc", *MANY)):
-        self.module, self.names, self.written, self.arguments = module, names, {}, {}
+    def __init__(self, module=health, lock=None, names=(*"abc", *MANY), document=DOCUMENT):
+        self.module, self.names, self.document, self.written, self.arguments = module, names, document, {}, {}
         self.db, self.limits = FakeDatabase(), SimpleNamespace()
         self.repair()
         self.tracker = self.construct()
@@ -70,7 +70,7 @@ class World:
     def repair(self):
         """The database works, with nothing written, and the settings are the first ones."""
         self.written.clear()
-        self.db.fetchall, self.db.fetchone = {READ_STATES: ROWS}.get, {READ_USAGE: (DOCUMENT,)}.get
+        self.db.fetchall, self.db.fetchone = {READ_STATES: ROWS}.get, {READ_USAGE: (self.document,)}.get
         self.db.execute = self.db.executemany = self.written.__setitem__
         self.limits.disable_after_errors, self.limits.disable_cooldown_s = 3, 1_000_000_000
 

@@ -28,7 +28,7 @@ from types import SimpleNamespace
 from unittest import mock
 
 from quorl_dendra.config import ToolsConfig
-from harness import OPERATIONS, REAL_CLOCK, World
+from harness import DOCUMENT, OPERATIONS, REAL_CLOCK, World
 from support import NOW, TrackerTest, baseline, health, result
 
 NAMES = [name for name in vars(health) if name[:2] != "__"]
@@ -60,6 +60,11 @@ def remembered(tracker):
     """What the tracker has in its fields. Leaves its `__dict__` unasked for."""
     fields = [result(getattr, tracker, name) for name in FIELDS]
     return shown([sorted(field) if type(field) is set else field for field in fields])
+
+
+def small_world(module):
+    """With few names, and a document in the form that is read natively."""
+    return World(module, names="abc", document=DOCUMENT.replace(", ", ","))
 
 
 def tour(world):
@@ -223,7 +228,7 @@ def import_beside(name, stand_in, world):
     """The module imported once more, with a stand-in for one that it imports."""
     with mock.patch.dict(sys.modules, {name: stand_in}):
         other = load(world.module.__file__)
-    return tour(World(other, names="abc"))
+    return tour(small_world(other))
 
 
 class Python(TrackerTest):
@@ -233,7 +238,7 @@ class Python(TrackerTest):
         """What the case gives, and the warnings, line by line."""
         self.warning.reset_mock()
         with mock.patch("time.time", NOW.conjugate):
-            world = World(load(path), names="abc")
+            world = small_world(load(path))
             with mock.patch.dict(sys.modules, {health.__name__: world.module}):
                 seen = shown(result(case, world)), shown(self.warning.call_args_list)
             mock.patch.stopall()
