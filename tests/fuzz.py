@@ -17,10 +17,12 @@ import sys
 import time
 from decimal import Decimal
 from fractions import Fraction
+from types import SimpleNamespace
 from unittest import mock
 
 from quorl_dendra.config import ToolsConfig
 from quorl_dendra.tool_registry import Action, ToolSpec
+from quorl_dendra.utils.process import ThreadCensus
 from support import FakeDatabase, baseline, health
 
 
@@ -37,6 +39,7 @@ NUMBERS = (
     0, 1, -2, 2.5, -0.0, True, None, NAN, INF, 2**70, 10**400, 1e16, "3", " 7 ", "x", "", b"12", Decimal("3.7"),
     Fraction(7, 2), [], [1], "1" * 5000, 1j,
 )
+STATS = [dict.fromkeys(("errors", "more", *"name count avg_ms p95_ms min_ms max_ms".split()), n / 7) for n in (2, 1)]
 # By kind, the ordinary values and the odd ones.
 VALUES = {
     "tool": (("a", "b", "c", "search"), (
@@ -45,7 +48,7 @@ VALUES = {
     "action": (("x", "y", None), ("", "None", "Zed", "0", "é", "\udfff", Text("x"), 5, NAN, [])),
     "outcome": (("ok", "error"), ("", "Ω", "\U0001f600", Text("ok"), None, 3)),
     "alias": ((False, True), (0, 1, None, "yes", 2.0)),
-    "duration": ((None, 1.5, 12.34567, 0.0005), (*NUMBERS, -1.0, 1e300, 0.1 + 0.2, 2.675)),
+    "duration": ((None, 1.5, 12.34567, 0.0005, 0.065, 0.215), (*NUMBERS, -1.0, 1e300, 0.1 + 0.2, 2.675)),
     "error": (("boom", "e" * 600), (
         "", None, "x" * 500, "é" * 501, "\ud800" * 501, "\U0001f600" * 501, Text("t" * 600), Text("s"), b"x" * 900,
         0, 5, ["list"] * 501,
@@ -68,6 +71,12 @@ VALUES = {
     "document": (("[]", None), (
         "{}", "", "{", "5", '"a"', '{"a":1}', "null", "[1]", "[" * 99999, b"[]", 5, Text("[]"),
     )),
+    "budget": ((0, 9, 40), (-2, 2.5, False, "8", None)),
+    "census": (
+        (ThreadCensus(40, 9, {"pool": [8]}), ThreadCensus(None, 40, [("a", 1), ("a", 3)]), ThreadCensus(0, 9, {})),
+        (ThreadCensus(10**30, 1, None), ThreadCensus("9", True, [1]), ThreadCensus(9, None, ["ab"]), 5),
+    ),
+    "stats": ((STATS, []), (tuple(STATS), None, STATS[0], [{"name": 1}], [*STATS, {}], ["text"], [None])),
     "failure": ((None,), (ValueError("database"), KeyboardInterrupt("key"), SystemExit(3), MemoryError(), OSError(5))),
 }
 # The tracker's mappings, their records, and the kinds of their fields.
@@ -83,7 +92,7 @@ CALLS = (
     ("record_error", "tool", "error"), ("record_error", "tool", "error"), ("_usage_rows", "tool"),
     *[("record_call", "tool", "action", "outcome", "alias", "duration")] * 5, ("flush",), ("flush",),
     ("_flush_health",), ("_flush_usage",), ("get_health_summary",), ("limits",), ("cooldown_s",),
-    ("has_unsaved_changes",),
+    ("has_unsaved_changes",), ("thread_census_report", "budget", "census"), ("handle_get_tool_performance_stats",),
 )
 # fmt: on
 # They walk over several things. Where more than one raises they fail, but which of them they name is left open.
@@ -107,9 +116,11 @@ class Side:
     def __init__(self, module, script):
         self.module, self.script = module, script
         self.db, self.warnings, self.failure, self.slow = FakeDatabase(), [], None, False
+        self.stats = []
         self.db.hook = self.reach_database
         module.logger.warning = lambda *args: self.warnings.append(render(args))
         module.is_slow_call = self.is_slow_call
+        module.get_timing_collector = lambda: SimpleNamespace(get_all_stats=lambda: self.stats)
         self.construct()
 
     def construct(self):
@@ -201,7 +212,7 @@ class Script:
         return f"the registry has {name!r} with the actions {actions!r}", nothing
 
     def _host(self):
-        name = self._chance.choice(("slow", "failure"))
+        name = self._chance.choice(("slow", "stats", "failure"))
         value = self._value(name, 0.4)
         return f"{name}: {value!r}", lambda side: setattr(side, name, value)
 

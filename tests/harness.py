@@ -31,6 +31,7 @@ DOCUMENT = (
     ' {"tool":"gone","action":null,"outcome":"ok","alias_hit":false,"calls":1,"timed_calls":0,"total_ms":0.0}]'
 )
 KEY = ("a", "x", "ok", True)
+FIELDS = "_repo _limits _lock _state _dirty _usage _usage_dirty".split()
 MANY = [str(number) for number in range(60)]  # more names than a small set holds
 FIGURES = ("name", "count", "avg_ms", "p95_ms", "min_ms", "max_ms", "errors")
 CENSUS = {"os_threads": 9, "python_total": 3, "python_threads": {"pool": 3}}
@@ -324,8 +325,7 @@ ITEMS, ATTRIBUTES = (operator.getitem, operator.setitem, operator.delitem), (get
 # Where the module uses something of the host's: the object that holds it, and under which name. A test puts an odd
 # value in its place.
 PLACES = {
-    **places(in_tracker, "_repo _limits _lock _state _dirty _usage _usage_dirty".split()),
-    **places(in_tracker, "_flush_health _flush_usage _usage_rows".split()),
+    **places(in_tracker, [*FIELDS, "_flush_health", "_flush_usage", "_usage_rows"]),
     **places(in_state, health._ToolState.__match_args__),
     **places(in_counts, health._Usage.__match_args__),
     **places(in_module, "TOOLS is_slow_call get_timing_collector thread_census logger json time threading".split()),

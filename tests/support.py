@@ -14,8 +14,8 @@ from quorl_dendra.tool_handlers import health
 from quorl_dendra.tool_registry import Action, ToolSpec
 
 NOW, NOW_TEXT = 1_700_000_000.0, "2023-11-14 22:13:20"
-IS_SANITIZED = "libasan" in os.environ.get("LD_PRELOAD", "")
-PATIENCE_S = 360 if IS_SANITIZED else 60  # for what comes at once unless something is broken
+# For what comes at once unless something is broken; a sanitizer takes its time.
+PATIENCE_S = 360 if "libasan" in os.environ.get("LD_PRELOAD", "") else 60
 
 
 class FakeDatabase:
@@ -57,18 +57,6 @@ class TrackerTest(unittest.TestCase):
         tracker = module.ToolHealthTracker(self.db)
         self.db.calls.clear()
         return tracker
-
-    def check_same(self, scenario, *args):
-        """The plain version does the same: ``scenario(module, *args)`` gives, or raises, and warns of the same.
-        Returns what that was, as text."""
-        texts = []
-        for module in (health, baseline):
-            self.warning.reset_mock()
-            outcome = repr(result(scenario, module, *args))
-            texts.append(outcome + str([(w[0], repr(w[1])) for w, _ in self.warning.call_args_list]))
-        if texts[0] != texts[1]:
-            self.fail(f"{args!r:.500}: {texts[0]:.2000}, plainly {texts[1]:.2000}")
-        return texts[0]
 
 
 def result(call, *args, **kwargs):

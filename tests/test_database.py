@@ -50,25 +50,24 @@ class RealDatabase(TrackerTest):
     def setUp(self):
         super().setUp()
         health.TOOLS.update(dict.fromkeys(NAMES, health.TOOLS["a"]))
-        folder = self.enterContext(tempfile.TemporaryDirectory())
-        self.paths = (Path(folder, f"{number}.sqlite3") for number in itertools.count())
+        self.folder = self.enterContext(tempfile.TemporaryDirectory())
 
-    def open(self):
-        self.path = next(self.paths)
-        db = Database(self.path, busy_timeout_s=0.05)
+    def open(self, path):
+        db = Database(path, busy_timeout_s=0.05)
         self.addCleanup(db.close)
         db.db = db  # it is its own repository
-        db.execute("PRAGMA journal_mode = DELETE")  # in which a writer locks readers out
         return db
 
     def test_a_locked_database(self):
         """Both writes fail and both reads are warned about; all is written once it is free."""
-        tracker = health.ToolHealthTracker(db := self.open())
+        db = self.open(path := Path(self.folder, "locked"))
+        db.execute("PRAGMA journal_mode = DELETE")  # in which a writer locks readers out
+        tracker = health.ToolHealthTracker(db)
         change(tracker, "old")
         tracker.flush()
         change(tracker, "newer")
         before = memory(tracker)
-        with contextlib.closing(sqlite3.connect(self.path, isolation_level=None)) as other:
+        with contextlib.closing(sqlite3.connect(path, isolation_level=None)) as other:
             other.execute("BEGIN EXCLUSIVE")
             for _ in range(2):
                 self.assertRaises(sqlite3.Error, tracker.flush)
@@ -88,13 +87,12 @@ class RealDatabase(TrackerTest):
         """The file is sound, and each statement took place or did not."""
         point, outcomes = 0, set()
         while True:
-            path = next(self.paths)
+            path = Path(self.folder, f"killed-{point}")
             child = run_child(KILLED, str(path), str(point))
             if child.returncode == 0:
                 break
             self.assertEqual(child.returncode, -signal.SIGKILL, child.stderr)
-            db = Database(path)
-            self.addCleanup(db.close)
+            db = self.open(path)
             self.assertEqual(db.fetchall("PRAGMA integrity_check"), [("ok",)])
             rows, entries = stored(db)
             errors = {row[1:4] for row in rows}

@@ -1,19 +1,15 @@
-"""Hostile values: objects that raise, call back, or change the tracker under its feet wherever it uses them.
-
-What could crash runs in other processes, so that it is one failed case; the last line of their output names it.
-"""
+"""Hostile values: objects that raise, call back, or change the tracker under its feet wherever it uses them."""
 
 import gc
 import itertools
-import json
+import sys
 import threading
+import unittest
 from unittest import mock
 
-from harness import OPERATIONS, PLACES, World, derived, dying, native_host, play, wrapped
-from support import PATIENCE_S, FakeDatabase, TrackerTest, count, health, result, run_child
+from harness import FIELDS, OPERATIONS, PLACES, World, derived, dying, native_host, play, wrapped
+from support import FakeDatabase, count, health, result
 
-FIELDS = "_repo", "_limits", "_lock", "_state", "_dirty", "_usage", "_usage_dirty"
-ENTRY = {"tool": "a", "action": "x", "outcome": "ok", "alias_hit": True, "calls": 3, "timed_calls": 2, "total_ms": 2.5}
 BUSY = 9  # uses of an odd value, at which it acts
 
 
@@ -60,87 +56,46 @@ def re_enter(world):
         result(OPERATIONS[name].bind(world), *OPERATIONS[name].arguments)
 
 
-ACTS = fail, rebind, delete, grow, change_class, tamper, re_enter
+ACTS = rebind, delete, grow, change_class, tamper, re_enter
 
 
-def sweep():
-    """Odd values act in every place of every operation."""
-    gc.freeze()  # collections look only at what comes now
-    used = set()
-    for act, place, operation, make in itertools.product(ACTS, PLACES, OPERATIONS, (wrapped, derived, dying)):
-        case = act.__name__, place, operation, make.__name__
-        if act is fail or case[1:] in used:
-            print(*case, flush=True)
+class Hostile(unittest.TestCase):
+    def test_odd_values_everywhere(self):
+        """In every place of every operation: no crash, a free lock, and a tracker that counts."""
+        self.enterContext(mock.patch.object(sys, "unraisablehook", lambda unraisable: None))
+        self.enterContext(native_host())
+        self.addCleanup(gc.unfreeze)
+        gc.freeze()  # collections look only at what comes now
+        cases = itertools.product(OPERATIONS, PLACES, (wrapped, derived, dying))
+        used = [case for case in cases if self.attack(fail, *case)]
+        self.assertEqual({place for _, place, _ in used}, PLACES.keys())
+        for act, case in itertools.product(ACTS, used):
+            self.attack(act, *case)
+
+    def attack(self, act, *case):
+        """Whether an odd value was used."""
+        with self.subTest(act=act.__name__, case=case):
+            world = World(lock=threading.RLock() if act is re_enter else None)
             if act is tamper:
                 gc.freeze()  # all that there is now is none of the operation's
-            with native_host():
-                world = World(lock=threading.RLock() if act is re_enter else None)
-                if play(world, operation, place, make, lambda world, act=act: len(world.uses) > BUSY or act(world)):
-                    assert not str(world.outcome).startswith("SystemError"), world.outcome
-                    used.update([case[1:]] * bool(world.uses))
-            check_sound(world)
-    assert not PLACES.keys() - {place for place, _, _ in used}, "a place that nothing uses"
-    print("done")
+            if play(world, *case, lambda world: len(world.uses) > BUSY or act(world)):
+                self.assertNotRegex(str(world.outcome), "^SystemError")
+            if world.uses[-1:] != ["__exit__"]:
+                self.assertTrue(world.lock.acquire(blocking=False), "the lock is held")
+            self.check_counts(world.tracker)
+        return bool(world.uses)
 
-
-def check_sound(world):
-    """The lock is free, and the tracker counts, once its fields are fit again."""
-    if world.uses[-1:] != ["__exit__"]:
-        assert world.lock.acquire(blocking=False), "the lock is held"
-    tracker = world.tracker
-    vars(tracker).clear()
-    tracker.__init__(FakeDatabase())
-    for _ in range(3):
-        count(tracker, "z", duration_ms=1.5)
-        tracker.record_error("z", "bad")
-    assert tracker._usage == {("z", None, "ok", False): health._Usage(3, 3, 4.5)}
-    assert tracker.is_disabled("z") == (True, "bad") and tracker._dirty == {"z"}
-
-
-def recurse():
-    """Ask for performance statistics whose collector is that very function."""
-    health.get_timing_collector = health.handle_get_tool_performance_stats
-    try:
-        health.get_timing_collector()
-    except RecursionError:
-        print("done")
-
-
-class HostileTest(TrackerTest):
-    def run_apart(self, code):
-        """The code comes to its end in a process of its own."""
-        prelude = f"""
-import faulthandler, sys
-from test_hostile import *
-faulthandler.dump_traceback_later({PATIENCE_S - 5}, exit=True)
-sys.unraisablehook = lambda unraisable: None
-"""
-        ended = run_child(prelude + code)
-        last = ended.stdout.splitlines()[-1:]
-        if ended.returncode or last != ["done"]:
-            self.fail(f"status {ended.returncode} after {last}: {ended.stderr[-3000:]}")
-
-    def test_odd_values_everywhere(self):
-        self.run_apart("sweep()")
+    def check_counts(self, tracker):
+        """It serves on, once its fields are fit again."""
+        vars(tracker).clear()
+        tracker.__init__(FakeDatabase())
+        for _ in range(3):
+            count(tracker, "z", duration_ms=1.5)
+            tracker.record_error("z", "bad")
+        self.assertEqual(tracker._usage, {("z", None, "ok", False): health._Usage(3, 3, 4.5)})
+        self.assertEqual((tracker.is_disabled("z"), tracker._dirty), ((True, "bad"), {"z"}))
 
     def test_an_operation_that_calls_itself_ends_in_an_error(self):
         """By way of native code alone."""
-        self.run_apart("recurse()")
-
-    def test_every_changed_character_of_a_document(self):
-        """What the module writes is read natively; with a blank before it, by the runtime's parser."""
-        document = json.dumps([ENTRY, ENTRY | {"action": None, "calls": -120, "total_ms": -0.5}], separators=(",", ":"))
-        self.enterContext(mock.patch.object(health, "_known", lambda tool, action: True))
-        tracker = self.make()
-        self.assertNotEqual(self.read(tracker, document), ("{}", 0))
-        for place, new in itertools.product(range(len(document) + 1), ["", *'019-.eE"\\,:{}[] n\0\x7f\x80é\ud800']):
-            for rest in (place, place + 1):
-                text = document[:place] + new + document[rest:]
-                self.assertEqual(self.read(tracker, text), self.read(tracker, " " + text), text)
-
-    def read(self, tracker, document):
-        """What a tracker reads from the document, as text, and how many warnings there were."""
-        tracker._usage, self.db.answer = {}, (document,)
-        self.warning.reset_mock()
-        tracker._load_usage()
-        return repr(tracker._usage), self.warning.call_count
+        with mock.patch.object(health, "get_timing_collector", health.handle_get_tool_performance_stats):
+            self.assertRaises(RecursionError, health.get_timing_collector)

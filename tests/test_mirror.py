@@ -1,6 +1,8 @@
 """The mirror in the database: what is read at construction, and what a flush writes."""
 
+import itertools
 import json
+from unittest import mock
 
 from support import NOW_TEXT, TrackerTest, count, health
 
@@ -47,3 +49,22 @@ class Mirror(TrackerTest):
         self.db.rows = [ROW]
         tracker.__init__(self.db)
         self.assertEqual(self.db.calls, [READ_HEALTH, READ_USAGE])
+
+    def test_every_changed_character_of_a_document(self):
+        """What the module writes is read natively; with a blank before it, by the runtime's parser."""
+        entries = element("a", "x", "ok", True, 3, 2, 2.5), element("a", None, "ok", True, -120, 2, -0.5)
+        document = f"[{','.join(entries)}]"
+        self.enterContext(mock.patch.object(health, "_known", lambda tool, action: True))
+        tracker = self.make()
+        self.assertNotEqual(self.read(tracker, document), ("{}", 0))
+        for place, new in itertools.product(range(len(document) + 1), ["", *'019-.eE"\\,:{}[] n\0\x7f\x80é\ud800']):
+            for rest in (place, place + 1):
+                text = document[:place] + new + document[rest:]
+                self.assertEqual(self.read(tracker, text), self.read(tracker, " " + text), text)
+
+    def read(self, tracker, document):
+        """What a tracker reads from the document, as text, and how many warnings there were."""
+        tracker._usage, self.db.answer = {}, (document,)
+        self.warning.reset_mock()
+        tracker._load_usage()
+        return repr(tracker._usage), self.warning.call_count

@@ -28,13 +28,12 @@ from types import SimpleNamespace
 from unittest import mock
 
 from quorl_dendra.config import ToolsConfig
-from harness import DOCUMENT, OPERATIONS, REAL_CLOCK, World
+from harness import DOCUMENT, FIELDS, OPERATIONS, REAL_CLOCK, World
 from support import NOW, TrackerTest, baseline, health, result
 
 NAMES = [name for name in vars(health) if name[:2] != "__"]
 MEMBERS = [name for name in vars(health.ToolHealthTracker) if name == "__init__" or name[:2] != "__"]
 FUNCTIONS = ["_sqlite_time", "_epoch", "_known", *NAMES[-2:], *MEMBERS]
-FIELDS = "_repo _limits _lock _state _dirty _usage _usage_dirty".split()
 RECORDS = {"_ToolState": "_state", "_Usage": "_usage"}
 IMPORTED = "config tool_registry tool_schemas utils.process utils.timing".split()
 IMPORTED = [*(f"quorl_dendra.{name}" for name in IMPORTED), *"json logging threading time dataclasses datetime".split()]

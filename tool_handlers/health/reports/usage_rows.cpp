@@ -15,14 +15,13 @@ constexpr int average_decimals = 2;
 
 /// Reads the numbers of a plain record into a line. False where any is not plain.
 bool read_plain_numbers(UsageLine& line, PyObject** counts) {
-    constexpr long exact_in_double = 1L << 53;
     PyObject* total_ms = counts[UsageFields::total_ms];
     long timed = 0;
     if (!read_plain(counts[UsageFields::calls], line.calls) || !read_plain(counts[UsageFields::timed_calls], timed) ||
-        timed < 0 || timed >= exact_in_double || total_ms == nullptr || !PyFloat_CheckExact(total_ms)) {
+        total_ms == nullptr || !PyFloat_CheckExact(total_ms)) {
         return false;
     }
-    line.is_timed = timed > 0;
+    line.is_timed = timed != 0;
     if (line.is_timed) {
         line.average_ms = py::round_to(PyFloat_AS_DOUBLE(total_ms) / static_cast<double>(timed), average_decimals);
     }
