@@ -1,6 +1,5 @@
 """What the tests share: a fake database, a clock that stands still, a tracker over both."""
 
-import dataclasses
 import os
 import subprocess
 import sys
@@ -13,7 +12,7 @@ from benchmarks import baseline
 from quorl_dendra.tool_handlers import health
 from quorl_dendra.tool_registry import Action, ToolSpec
 
-NOW, NOW_TEXT = 1_700_000_000.0, "2023-11-14 22:13:20"
+NOW = 1_700_000_000.0
 # For what comes at once unless something is broken; a sanitizer takes its time.
 PATIENCE_S = 360 if "libasan" in os.environ.get("LD_PRELOAD", "") else 60
 
@@ -21,10 +20,9 @@ PATIENCE_S = 360 if "libasan" in os.environ.get("LD_PRELOAD", "") else 60
 class FakeDatabase:
     """A database that keeps each call, calls ``hook(operation)`` and answers from memory."""
 
-    def __init__(self, rows=(), document=None):
+    def __init__(self):
         self.db = self  # it is its own repository
-        self.rows, self.answer = list(rows), None if document is None else (document,)
-        self.calls = []
+        self.rows, self.answer, self.calls = [], None, []
         self.hook = lambda operation: None
 
     def _call(self, operation, *args):
@@ -51,10 +49,10 @@ class TrackerTest(unittest.TestCase):
         self.enterContext(mock.patch.dict(health.TOOLS, tools, clear=True))
         self.db = FakeDatabase()
 
-    def make(self, rows=(), document=None, module=health):
-        """A tracker with that history; ``self.db`` is its database, with no calls yet."""
-        self.db = FakeDatabase(rows, document)
-        tracker = module.ToolHealthTracker(self.db)
+    def make(self):
+        """A tracker without a history; ``self.db`` is its database, with no calls yet."""
+        self.db = FakeDatabase()
+        tracker = health.ToolHealthTracker(self.db)
         self.db.calls.clear()
         return tracker
 
@@ -65,13 +63,6 @@ def result(call, *args, **kwargs):
         return call(*args, **kwargs)
     except Exception as error:
         return type(error), str(error)
-
-
-def memory(tracker):
-    """A copy of all that a tracker remembers, in its order."""
-    records = tracker._state, tracker._usage
-    copies = [[(key, dataclasses.astuple(record)) for key, record in m.items()] for m in records]
-    return *copies, set(tracker._dirty), tracker._usage_dirty
 
 
 def count(tracker, tool, action=None, outcome="ok", alias_hit=False, duration_ms=None):

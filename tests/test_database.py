@@ -9,7 +9,8 @@ import tempfile
 from pathlib import Path
 
 from quorl_dendra.repository import Database
-from support import TrackerTest, count, health, memory, run_child
+from harness import shown
+from support import TrackerTest, count, health, run_child
 
 NAMES = [f"tool-{number}" for number in range(80)]
 # A tracker whose second flush is killed: before its second statement (0), or by the database's progress so far on.
@@ -43,7 +44,7 @@ def stored(db):
     """What the database holds: the rows and the entries of the document."""
     rows = db.fetchall(f"SELECT {health._TOOL_HEALTH_COLUMNS} FROM tool_health ORDER BY tool_name")
     (document,) = db.fetchone("SELECT value FROM schema_info WHERE key = 'tool_usage'")
-    return [tuple(row) for row in rows], [tuple(entry.values()) for entry in json.loads(document)]
+    return [[*row] for row in rows], [[*entry.values()] for entry in json.loads(document)]
 
 
 class RealDatabase(TrackerTest):
@@ -66,22 +67,23 @@ class RealDatabase(TrackerTest):
         change(tracker, "old")
         tracker.flush()
         change(tracker, "newer")
-        before = memory(tracker)
+        before = shown(tracker)
         with contextlib.closing(sqlite3.connect(path, isolation_level=None)) as other:
             other.execute("BEGIN EXCLUSIVE")
             for _ in range(2):
                 self.assertRaises(sqlite3.Error, tracker.flush)
-            self.assertEqual(memory(tracker), before)
-            self.assertEqual(memory(health.ToolHealthTracker(db)), ([], [], set(), False))
+            self.assertEqual(shown(tracker), before)
+            self.assertEqual(shown(health.ToolHealthTracker(db)), [[], [], [], False])
             self.assertEqual(self.warning.call_count, 2)
             tracker.record_success(NAMES[0])
         tracker.flush()
         self.assertFalse(tracker.has_unsaved_changes)
-        states, usage, *_ = memory(tracker)
-        self.assertEqual([row[:4] for row in stored(db)[0]], sorted((name, *state[:3]) for name, state in states))
-        restarted = memory(health.ToolHealthTracker(db))
-        self.assertEqual(restarted, (sorted((name, (*state[:5], 0)) for name, state in states), usage, set(), False))
-        self.assertEqual(stored(db)[1], [(*key, *counts) for key, counts in usage])
+        states, usage, *_ = shown(tracker)
+        rows, entries = stored(db)
+        self.assertEqual([row[:4] for row in rows], sorted([name, *state[:3]] for name, state in states))
+        restarted = shown(health.ToolHealthTracker(db))
+        self.assertEqual(restarted, [sorted([name, [*state[:5], 0]] for name, state in states), usage, [], False])
+        self.assertEqual(entries, [[*key, *counts] for key, counts in usage])
 
     def test_killed(self):
         """The file is sound, and each statement took place or did not."""
@@ -95,7 +97,7 @@ class RealDatabase(TrackerTest):
             db = self.open(path)
             self.assertEqual(db.fetchall("PRAGMA integrity_check"), [("ok",)])
             rows, entries = stored(db)
-            errors = {row[1:4] for row in rows}
+            errors = {tuple(row[1:4]) for row in rows}
             self.assertIn(errors, [{(1, 1, "old" * 99)}, {(2, 2, "newer" * 99)}])
             self.assertEqual([entry[2] for entry in entries], ["old"])
             self.assertEqual(len(rows), len(NAMES))

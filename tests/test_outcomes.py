@@ -3,8 +3,8 @@
 import itertools
 from unittest import mock
 
-from quorl_dendra.config import ToolsConfig
-from support import TrackerTest, count, health, memory
+from harness import shown
+from support import TrackerTest, count
 
 # A tool's life: e an error (of the texts e1, e2, ...), s a success, ? the question whether it is
 # disabled, r a restart, after which the run of errors is forgotten, +9 or -9 seconds pass, N and C
@@ -56,22 +56,15 @@ class Outcomes(TrackerTest):
         return tracker
 
     def test_the_disable_rule(self):
-        for (script, (expected, answer)), is_native in itertools.product(DISABLE_RULE.items(), (False, True)):
+        for (script, (record, answer)), is_native in itertools.product(DISABLE_RULE.items(), (False, True)):
             with self.subTest(script, is_native=is_native):
                 self.clock.return_value = 0.0
                 tracker = self.play(script)
-                states, *others = memory(tracker)
-                self.assertEqual(states, [("a", expected)] if expected else [])
-                self.assertEqual(others, [[], {"a"} if expected else set(), False])
+                remembered = ([("a", record)], [], {"a"}, False) if record else ([], [], [], False)
+                self.assertEqual(shown(tracker), shown(remembered))
                 clock = float(self.clock.return_value).conjugate if is_native else self.clock
                 with mock.patch("time.time", clock):
                     self.assertEqual(tracker.is_disabled("a"), answer)
-
-    def test_the_settings_are_the_ones_given_or_the_hosts_defaults(self):
-        for limits in (0, "", ToolsConfig(1, 2.5)):
-            self.assertIs(health.ToolHealthTracker(self.db, limits).limits, limits)
-        for tracker in (self.make(), health.ToolHealthTracker(self.db, None)):
-            self.assertEqual(tracker.limits, ToolsConfig(3, 60.0))
 
     def test_more_keys_than_the_cache_has_places(self):
         tracker = self.make()

@@ -150,6 +150,8 @@ TRACKER_CHANGES = (
     lambda m, t: put(t, "__dict__", {**vars(t), "_state": {}}),
     lambda m, t: mock.patch.dict(vars(t), _usage={}).start(),
     lambda m, t: copy.copy(t),
+    lambda m, t: m.ToolHealthTracker(t._repo),
+    lambda m, t: m.ToolHealthTracker(t._repo, 0),
     lambda m, t: object.__new__(m.ToolHealthTracker),
     lambda m, t: put(t, "__class__", type("Own", (m.ToolHealthTracker,), {"cooldown_s": 0})),
     lambda m, t: own(m, t, __slots__=("_state", "_lock")),

@@ -7,8 +7,8 @@ import threading
 import unittest
 from concurrent.futures import ThreadPoolExecutor
 
-from harness import native_host
-from support import PATIENCE_S, FakeDatabase, count, health, memory
+from harness import native_host, shown
+from support import PATIENCE_S, FakeDatabase, count, health
 
 ROUNDS, WORKERS = 200, 6
 
@@ -44,17 +44,17 @@ class Threads(unittest.TestCase):
             finally:
                 is_over.set()
             helper.result(PATIENCE_S)
-        states, usage, *_ = memory(tracker)
+        states, usage, *_ = shown(tracker)
         calls = WORKERS * ROUNDS
         self.assertEqual(totals(state[:2] for _, state in states), [2 * calls, calls])
         self.assertEqual(totals(counts for _, counts in usage), [2 * calls, calls, calls / 2])
         while tracker.has_unsaved_changes:
             flush(tracker)
-        rows = {row[0]: row[1:3] for call in db.calls if call[0] == "executemany" for row in call[2]}
+        rows = {row[0]: [*row[1:3]] for call in db.calls if call[0] == "executemany" for row in call[2]}
         self.assertEqual(rows, {name: state[:2] for name, state in states})
         *_, (_, document) = [call[2] for call in db.calls if call[0] == "execute"]
-        entries = [tuple(entry.values()) for entry in json.loads(document)]
-        self.assertEqual(entries, [(*key, *counts) for key, counts in usage])
+        entries = [[*entry.values()] for entry in json.loads(document)]
+        self.assertEqual(entries, [[*key, *counts] for key, counts in usage])
 
 
 def totals(rows):
