@@ -84,7 +84,7 @@ class World:
 
     def change_all(self):
         self.change(*self.names)
-        self.tracker.record_call("b", "x", "é", alias_hit=True, duration_ms=12.5)
+        self.tracker.record_call("b", "x", "é", alias_hit=True, duration_ms=1.25e11)
 
     def break_down(self, *statements):
         """Change everything; these statements raise a TypeError from now on."""
