@@ -1,14 +1,12 @@
-"""How things end: interpreters with threads inside the module, subinterpreters, modules, and sequences that do not."""
+"""How things end: interpreters with threads inside the module, subinterpreters, and sequences that do not."""
 
-import gc
 import os
 import sys
 import threading
 import time
 import unittest
-import weakref
 
-from harness import OPERATIONS, World, dying, import_afresh, native_host, put, wrapped
+from harness import OPERATIONS, World, dying, native_host, put, wrapped
 from support import PATIENCE_S, health, in_thread, result, run_child
 
 try:
@@ -132,15 +130,6 @@ class Endings(unittest.TestCase):
     def test_subinterpreters(self):
         first, *others = self.run_apart("use_subinterpreters()").splitlines()
         self.assertEqual(others, [first] * 11)
-
-    def test_a_module_that_was_used_is_collected(self):
-        """Although its functions and its state hold each other."""
-        with native_host(module := import_afresh()):
-            World(module).change_all()
-        watch = weakref.ref(module.ToolHealthTracker)
-        del module
-        gc.collect()
-        self.assertIsNone(watch())
 
     def test_sequences_without_an_end(self):
         """Are told from ones of the right length without being read on and on."""

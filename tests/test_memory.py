@@ -11,6 +11,7 @@ import sys
 import threading
 import time
 import unittest
+from functools import partial
 from unittest import mock
 
 from harness import OPERATIONS, PLACES, REAL_CLOCK, Operation, World, always, import_afresh
@@ -195,27 +196,38 @@ class Memory(unittest.TestCase):
         self.assertGreater(points, 1000)
 
 
+def use_a_new_module():
+    with native_host(module := import_afresh()):
+        World(module).change_all()
+
+
+def use_everything(place):
+    """Try all operations with an unfit value in that place."""
+    for operation in OPERATIONS:
+        play(World(), operation, place, unfit(5))
+
+
 class Leaks(unittest.TestCase):
     def test_nothing_is_left_behind(self):
-        """Neither memory nor references, by operations that succeed and by ones that fail at an unfit value."""
+        """Neither memory nor references, by operations that succeed or fail, and by modules."""
         self.enterContext(native_host())
         self.addCleanup(gc.unfreeze)
         gc.freeze()  # collections then look only at what comes now
         rounds, tries = 8, 20
-        self.left_by("clock", 200)  # the look-up cache and what the runtime keeps for itself are full
-        for place in PLACES:
-            with self.subTest(place):
-                before = self.left_by(place, rounds)
+        self.left_by(partial(use_everything, "clock"), 200)  # the cache and what the runtime keeps for itself are full
+        for use in (use_a_new_module, *(partial(use_everything, place) for place in PLACES)):
+            with self.subTest(use):
+                before = self.left_by(use, rounds)
                 for _ in range(tries):
-                    after = self.left_by(place, rounds)
+                    after = self.left_by(use, rounds)
                     grown, before = max(new - old for old, new in zip(before, after, strict=True)), after
                     if grown < rounds:
                         break
                 self.assertLess(grown, rounds)
 
-    def left_by(self, place, rounds):
-        """The blocks of memory, and the references to what the module holds, after so many rounds of all operations."""
-        for operation in [*OPERATIONS] * rounds:
-            play(World(), operation, place, unfit(5))
+    def left_by(self, use, rounds):
+        """The blocks of memory, and the references to what the module holds, after so many rounds."""
+        for _ in range(rounds):
+            use()
         gc.collect()
         return sys.getallocatedblocks(), sum(map(sys.getrefcount, (*vars(health).values(), time.time)))
