@@ -100,16 +100,6 @@ def fail_at(number, error, world):
         raise error
 
 
-def check_nothing_is_lost(test, tracker, written, names):
-    """The next flush writes the rows of all these tools, and the counts."""
-    test.assertIs(tracker.has_unsaved_changes, True)
-    test.assertEqual(tracker.flush(), len(names) + len(tracker._usage))
-    *rows, (_, document) = written.values()
-    test.assertEqual([row[0] for row in itertools.chain(*rows)], sorted(names))
-    test.assertIn('"outcome":"\\u00e9"', document)
-    test.assertIs(tracker.has_unsaved_changes, False)
-
-
 class Threads(TrackerTest):
     def setUp(self):
         super().setUp()
@@ -142,40 +132,48 @@ class Threads(TrackerTest):
         tracker._lock.__enter__.assert_called_once_with()
 
     def test_an_interruption_while_names_wait_to_be_put_back(self):
-        """Nothing is lost, whichever write failed; who interrupts is a signal handler."""
-        main = threading.current_thread()
-        for statement in ("executemany", "execute"):
+        """Nothing is lost, whichever write failed."""
+        for statement, names in ("executemany", sorted([*"abc", *MANY])), ("execute", []):
             with self.subTest(statement):
-                world, interrupted, raising, is_over = World(), [], [], threading.Event()
-                world.change_all()
-
-                def fail(*args, world=world, raising=raising):
-                    world.lock.acquire()
-                    in_thread(interrupt)
-                    raising.append(True)
-                    raise OSError
-
-                def interrupt(raising=raising, is_over=is_over):
-                    while not is_over.wait(0.001):
-                        if raising and sys._current_frames()[main.ident].f_code is not fail.__code__:  # noqa: B023
-                            signal.pthread_kill(main.ident, signal.SIGUSR1)
-
-                def handle(*args, interrupted=interrupted):
-                    if not interrupted:
-                        interrupted.append(True)
-                        raise KeyboardInterrupt
-
-                self.addCleanup(signal.signal, signal.SIGUSR1, signal.signal(signal.SIGUSR1, handle))
-                with mock.patch.object(world.db, statement, fail), self.assertRaises(KeyboardInterrupt):
-                    world.tracker.flush()
-                is_over.set()
-                world.lock.release()
-                names = [*"abc", *MANY] if statement == "executemany" else []
+                tracker, written = self.interrupt_flush(statement)
                 if names:  # neither a call nor a write of the counts alone makes it forget
-                    count(world.tracker, *KEY)
-                    self.assertGreater(world.tracker._flush_usage(), 0)
-                world.written.clear()
-                check_nothing_is_lost(self, world.tracker, world.written, names)
+                    count(tracker, *KEY)
+                    self.assertGreater(tracker._flush_usage(), 0)
+                written.clear()
+                self.assertIs(tracker.has_unsaved_changes, True)
+                self.assertEqual(tracker.flush(), len(names) + len(tracker._usage))
+                *rows, (_, document) = written.values()
+                self.assertEqual([row[0] for row in itertools.chain(*rows)], names)
+                self.assertIn('"outcome":"\\u00e9"', document)
+                self.assertIs(tracker.has_unsaved_changes, False)
+
+    def interrupt_flush(self, statement):
+        """The tracker after a flush of all names: the statement fails while the lock is held, and a signal's handler
+        raises while the thread waits for it."""
+        world, main, failed, is_over = World(), threading.current_thread(), [], threading.Event()
+
+        def fail(*args):
+            world.lock.acquire()
+            in_thread(interrupt)
+            failed.append(True)  # calls no Python function
+            raise OSError
+
+        def interrupt():
+            while not is_over.wait(0.001):
+                if failed and sys._current_frames()[main.ident].f_code is not fail.__code__:
+                    signal.pthread_kill(main.ident, signal.SIGUSR1)
+
+        def handle(*args):
+            signal.signal(signal.SIGUSR1, signal.SIG_IGN)
+            raise KeyboardInterrupt
+
+        world.change_all()
+        self.addCleanup(signal.signal, signal.SIGUSR1, signal.signal(signal.SIGUSR1, handle))
+        with mock.patch.object(world.db, statement, fail), self.assertRaises(KeyboardInterrupt):
+            world.tracker.flush()
+        is_over.set()
+        world.lock.release()
+        return world.tracker, world.written
 
     def test_who_waits_for_the_lock_lets_others_run_and_then_reads_anew(self):
         sys.setswitchinterval(1000)  # only who waits lets another run

@@ -125,6 +125,13 @@ OTHER_FIELDS = (  # and what is put in their places, made of what was there
 )
 
 
+def borrow(module, tracker):
+    """The function of another import, which has other tools."""
+    other = load(module.__file__)
+    other.TOOLS = {}
+    module._known = other._known
+
+
 def own(module, tracker, **members):
     """A tracker of a host's own class with the same history."""
     return type("Own", (module.ToolHealthTracker,), members)(tracker._repo, tracker._limits)
@@ -265,6 +272,7 @@ class Python(TrackerTest):
             self.check_tour(lambda m, t: mock.patch(target).start(), target)
         self.check_tour(lambda m, t: mock.patch("json.loads", lambda text: []).start(), "json.loads")
         self.check_tour(lambda m, t: put(m, "_SQLITE_TIMESTAMP", "%H"))
+        self.check_tour(borrow)
         self.check_tour(lambda m, t: put(m, "datetime", type("Later", (datetime,), {})))
         self.check_tour(lambda m, t: put(m, "timezone", SimpleNamespace(utc=timezone(timedelta(hours=1)))))
 
