@@ -29,7 +29,7 @@ from unittest import mock
 
 from quorl_dendra.config import ToolsConfig
 from harness import DOCUMENT, FIELDS, OPERATIONS, REAL_CLOCK, World
-from support import NOW, TrackerTest, baseline, health, result
+from support import NOW, TrackerTest, baseline, count, health, result
 
 NAMES = [name for name in vars(health) if name[:2] != "__"]
 MEMBERS = [name for name in vars(health.ToolHealthTracker) if name == "__init__" or name[:2] != "__"]
@@ -228,6 +228,7 @@ QUESTIONS = (
     lambda m, t: [(result(setattr, t, name, 1), result(delattr, t, name)) for name in MEMBERS],
     lambda m, t: mock.create_autospec(m.ToolHealthTracker, instance=True).record_error(),
     lambda m, t: mock.create_autospec(m._epoch)(1, 2),
+    lambda m, t: [(count(t, tool), tool.mock_calls) for tool in [mock.MagicMock()] * 3],
     copied,
 )
 
