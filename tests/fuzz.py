@@ -115,8 +115,7 @@ class Side:
 
     def __init__(self, module, script):
         self.module, self.script = module, script
-        self.db, self.warnings, self.failure, self.slow = FakeDatabase(), [], None, False
-        self.stats = []
+        self.db, self.warnings, self.failure, self.slow, self.stats = FakeDatabase(), [], None, False, []
         self.db.hook = self.reach_database
         module.logger.warning = lambda *args: self.warnings.append(render(args))
         module.is_slow_call = self.is_slow_call

@@ -276,7 +276,7 @@ OPERATIONS = {
     "ask for a list": method("is_disabled", [], error=TypeError),
     "has_unsaved_changes": method("__getattribute__", "has_unsaved_changes"),
     "cooldown_s": method("__getattribute__", "cooldown_s"),
-    "limits": Operation(lambda world: lambda: world.tracker.limits is world.limits),
+    "limits": method("__getattribute__", "limits"),
     "load": method("_load"),
     "load the counts": method("_load_usage"),
     "flush": method("flush", prepare=World.change_all),

@@ -105,6 +105,10 @@ def manager(leave, bind=staticmethod):
     return type("Manager", (), {"__enter__": bind(notes.copy), "__exit__": bind(__exit__), "notes": notes})()
 
 
+def bound_to_nothing(function):
+    return property(lambda self: function)
+
+
 def fail():
     raise ZeroDivisionError
 
@@ -116,10 +120,10 @@ OTHER_FIELDS = (  # and what is put in their places, made of what was there
     ("_lock", lambda lock: threading.RLock()),
     ("_lock", lambda lock: mock.MagicMock()),
     ("_lock", lambda lock: manager(bool)),
-    ("_lock", lambda lock: manager(bool, lambda function: property(lambda self: function))),
+    ("_lock", lambda lock: manager(bool, bound_to_nothing)),
     ("_lock", lambda lock: manager(object)),  # which swallows
     ("_lock", lambda lock: manager(fail)),
-    ("_lock", lambda lock: manager(lambda: mock.MagicMock(__bool__=lambda self: fail()))),
+    ("_lock", lambda lock: manager(type("Torn", (), {"__bool__": fail}))),
     ("_lock", lambda lock: type("Half", (), {"__enter__": fail})()),
     ("_lock", lambda lock: None),
 )

@@ -29,10 +29,6 @@ def blocks(document: str) -> list[tuple[str, str]]:
     return re.findall(r"^```(\w+)\n(.*?)^```$", DOCUMENTS[document], re.MULTILINE | re.DOTALL)
 
 
-def keys(report: str) -> list[str]:
-    return re.findall(r'"(\w+)":', report)
-
-
 class Documents(unittest.TestCase):
     def setUp(self) -> None:
         """A directory like the top of the tree after a build, and python3.12 on the path."""
@@ -100,6 +96,7 @@ class Documents(unittest.TestCase):
                 self.assertTrue((SOURCES / document).parent.joinpath(link).exists(), (document, link))
 
     def test_reports(self) -> None:
+        keys = re.compile(r'"(\w+)":').findall
         told = [text for language, text in blocks("README.md") if language == "json"]
         tracker = health.ToolHealthTracker(FakeDatabase())
         tracker.record_error("fetch", "timed out")
