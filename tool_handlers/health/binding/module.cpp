@@ -5,7 +5,7 @@
 #include <new>
 
 #include "health/binding/surface.hpp"
-#include "health/host/module_state.hpp"
+#include "health/module/state.hpp"
 
 namespace health {
 

@@ -4,8 +4,9 @@
 
 #include "health/host/registry.hpp"
 #include "health/host/times.hpp"
-#include "health/mirror/mirror.hpp"
 #include "health/reports/reports.hpp"
+#include "health/tracker/mirror/mirror.hpp"
+#include "health/tracker/summary/summary.hpp"
 #include "health/tracker/tracker.hpp"
 
 namespace health {

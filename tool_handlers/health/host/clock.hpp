@@ -5,8 +5,8 @@
 
 #include <cstdint>
 
+#include "health/module/names.hpp"
 #include "health/python/ref.hpp"
-#include "health/records/names.hpp"
 
 namespace health {
 

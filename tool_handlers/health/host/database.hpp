@@ -11,7 +11,7 @@
 
 #include <Python.h>
 
-#include "health/host/module_state.hpp"
+#include "health/module/state.hpp"
 
 namespace health {
 

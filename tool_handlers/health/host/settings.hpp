@@ -3,7 +3,7 @@
 
 #include <Python.h>
 
-#include "health/host/module_state.hpp"
+#include "health/module/state.hpp"
 #include "health/python/numbers.hpp"
 
 namespace health {

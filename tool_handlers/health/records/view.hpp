@@ -11,11 +11,11 @@
 #include <cstddef>
 #include <utility>
 
+#include "health/module/names.hpp"
 #include "health/python/dict.hpp"
 #include "health/python/instance_layout.hpp"
 #include "health/python/object.hpp"
 #include "health/python/ref.hpp"
-#include "health/records/names.hpp"
 
 namespace health {
 

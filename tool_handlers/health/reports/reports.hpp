@@ -3,18 +3,9 @@
 
 #include <Python.h>
 
-#include "health/host/module_state.hpp"
+#include "health/module/state.hpp"
 
 namespace health {
-
-// summary.cpp. `self` as in health/tracker/tracker.hpp.
-
-/// `get_health_summary`: one record per tool, the worst first. Holds the lock for its whole run.
-py::Ref health_summary(const Module& module, PyObject* self);
-
-/// `_usage_rows`: a tool's usage rows, most calls first. The caller holds the lock.
-py::Ref usage_rows(const Module& module, PyObject* self, PyObject* tool_name);
-inline constexpr py::FunctionDef usage_rows_def = Implementation<usage_rows>::define("_usage_rows");
 
 // performance.cpp. Takes no lock.
 

@@ -8,7 +8,7 @@
 
 #include <Python.h>
 
-#include "health/host/module_state.hpp"
+#include "health/module/state.hpp"
 
 namespace health {
 

@@ -6,7 +6,7 @@
 
 #include <array>
 
-#include "health/host/module_state.hpp"
+#include "health/module/state.hpp"
 #include "health/python/ref_vector.hpp"
 
 namespace health {

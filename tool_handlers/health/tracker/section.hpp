@@ -6,7 +6,7 @@
 #include <type_traits>
 #include <utility>
 
-#include "health/host/module_state.hpp"
+#include "health/module/state.hpp"
 
 namespace health {
 

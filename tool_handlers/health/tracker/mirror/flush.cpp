@@ -1,5 +1,5 @@
 // Writing everything that changed.
-#include "health/mirror/mirror.hpp"
+#include "health/tracker/mirror/mirror.hpp"
 
 namespace health {
 

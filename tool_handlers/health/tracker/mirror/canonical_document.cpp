@@ -1,4 +1,4 @@
-#include "health/mirror/canonical_document.hpp"
+#include "health/tracker/mirror/canonical_document.hpp"
 
 #include <algorithm>
 #include <charconv>

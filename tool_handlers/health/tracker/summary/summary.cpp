@@ -8,14 +8,14 @@
 //     lines    fetch: [page ok 2 calls,  page error 1 call]      find: [None ok 9 calls]    ...
 //                     | tool by tool, the worst first: is_slow_call, order, rows
 //     rows     {"tool_name": "fetch", ..., "usage": [{"action": "page", ..., "calls": 2}, {..., "calls": 1}]}, ...
+#include "health/tracker/summary/summary.hpp"
 #include "health/host/times.hpp"
 #include "health/python/dict.hpp"
 #include "health/python/numbers.hpp"
-#include "health/reports/ordering.hpp"
-#include "health/reports/reports.hpp"
-#include "health/reports/usage_rows.hpp"
 #include "health/tracker/mapping.hpp"
 #include "health/tracker/section.hpp"
+#include "health/tracker/summary/ordering.hpp"
+#include "health/tracker/summary/usage_rows.hpp"
 
 namespace health {
 

@@ -8,7 +8,7 @@
 
 #include <string_view>
 
-#include "health/host/module_state.hpp"
+#include "health/module/state.hpp"
 #include "health/python/memory.hpp"
 #include "health/python/ref_vector.hpp"
 

@@ -1,15 +1,15 @@
-#include "health/mirror/document_writer.hpp"
+#include "health/tracker/mirror/document_writer.hpp"
 
 #include <array>
 #include <charconv>
 #include <cmath>
 #include <memory>
 
-#include "health/mirror/canonical_document.hpp"
 #include "health/python/dict.hpp"
 #include "health/python/numbers.hpp"
 #include "health/python/text.hpp"
 #include "health/tracker/mapping.hpp"
+#include "health/tracker/mirror/canonical_document.hpp"
 
 namespace health {
 

@@ -1,4 +1,4 @@
-#include "health/host/module_state.hpp"
+#include "health/module/state.hpp"
 
 #include "health/python/dict.hpp"
 #include "health/python/numbers.hpp"

@@ -1,4 +1,4 @@
-#include "health/records/names.hpp"
+#include "health/module/names.hpp"
 
 namespace health {
 

@@ -1,12 +1,12 @@
-#include "health/mirror/document_reader.hpp"
+#include "health/tracker/mirror/document_reader.hpp"
 
 #include <functional>
 #include <string_view>
 
-#include "health/mirror/canonical_document.hpp"
 #include "health/python/dict.hpp"
 #include "health/python/ref_vector.hpp"
 #include "health/python/text.hpp"
+#include "health/tracker/mirror/canonical_document.hpp"
 
 namespace health {
 

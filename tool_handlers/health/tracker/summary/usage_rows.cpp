@@ -1,9 +1,9 @@
-#include "health/reports/usage_rows.hpp"
+#include "health/tracker/summary/usage_rows.hpp"
 
 #include "health/python/numbers.hpp"
-#include "health/reports/ordering.hpp"
-#include "health/reports/reports.hpp"
 #include "health/tracker/mapping.hpp"
+#include "health/tracker/summary/ordering.hpp"
+#include "health/tracker/summary/summary.hpp"
 
 namespace health {
 

@@ -15,11 +15,11 @@
 #include <utility>
 
 #include "health/host/clock.hpp"
+#include "health/module/names.hpp"
 #include "health/python/function.hpp"
 #include "health/python/lock.hpp"
 #include "health/python/lookup_cache.hpp"
 #include "health/python/object.hpp"
-#include "health/records/names.hpp"
 #include "health/records/view.hpp"
 
 namespace health {

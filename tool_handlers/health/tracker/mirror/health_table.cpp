@@ -2,11 +2,11 @@
 #include "health/host/database.hpp"
 #include "health/host/registry.hpp"
 #include "health/host/times.hpp"
-#include "health/mirror/mirror.hpp"
 #include "health/python/numbers.hpp"
 #include "health/python/recover.hpp"
 #include "health/tracker/dirty.hpp"
 #include "health/tracker/mapping.hpp"
+#include "health/tracker/mirror/mirror.hpp"
 #include "health/tracker/section.hpp"
 
 namespace health {

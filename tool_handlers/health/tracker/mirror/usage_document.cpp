@@ -1,13 +1,13 @@
 // The usage document: the copy of the usage counts, one JSON text in the table `schema_info`.
 #include "health/host/database.hpp"
 #include "health/host/registry.hpp"
-#include "health/mirror/document_reader.hpp"
-#include "health/mirror/document_writer.hpp"
-#include "health/mirror/mirror.hpp"
 #include "health/python/numbers.hpp"
 #include "health/python/recover.hpp"
 #include "health/tracker/dirty.hpp"
 #include "health/tracker/mapping.hpp"
+#include "health/tracker/mirror/document_reader.hpp"
+#include "health/tracker/mirror/document_writer.hpp"
+#include "health/tracker/mirror/mirror.hpp"
 #include "health/tracker/section.hpp"
 
 namespace health {
