@@ -6,21 +6,14 @@
 
 #include "health/binding/surface.hpp"
 #include "health/module/state.hpp"
+#include "health/records/records.hpp"
+#include "health/tracker/fields.hpp"
 
 namespace health {
 
 namespace {
 
 using py::Ref;
-
-constexpr const char* documentation =
-    R"(Tool health tracking, the performance stats of the tools, and the process's thread census.
-
-``ToolHealthTracker`` disables a tool that keeps failing and tries it again after a
-cooldown, and counts what each call ran and how it ended, for ``status perf_stats``.
-``thread_census_report`` measures the threads of the process against the budget its pools
-allow, for the ``status`` answers.
-)";
 
 void delete_state(PyObject* capsule) {
     auto* state = static_cast<ModuleState*>(PyCapsule_GetPointer(capsule, nullptr));
@@ -50,6 +43,16 @@ void run_surface(PyObject* module) {
     const Ref done = Ref::steal(PyEval_EvalCode(code.get(), globals, globals));
 }
 
+/// No object of the classes was made yet.
+void learn_classes(PyObject* module, ModuleState& state) {
+    state.tool_state.learn(py::get_attribute(module, "_ToolState").get(), ToolStateFields::names);
+    state.usage.learn(py::get_attribute(module, "_Usage").get(), UsageFields::names);
+    const Ref tracker = py::get_attribute(module, "ToolHealthTracker");
+    state.tracker.learn(tracker.get(), TrackerFields::names);
+    state.cooldown = py::find_in_class(reinterpret_cast<PyTypeObject*>(tracker.get()), state.names[Name::cooldown_s]);
+    state.originals.cooldown_getter.remember(py::getter_of(state.cooldown));
+}
+
 /// The Python function behind a name of a namespace; a property's is its getter.
 Ref function_of(PyObject* owner, const char* name) {
     Ref member = py::get_attribute(owner, name);
@@ -76,7 +79,8 @@ int execute(PyObject* module) {
         const Ref capsule = make_state();
         auto& state = *static_cast<ModuleState*>(PyCapsule_GetPointer(capsule.get(), nullptr));
         run_surface(module);
-        state.bind(PyModule_GetDict(module));
+        state.remember(PyModule_GetDict(module));
+        learn_classes(module, state);
         make_functions_native(module, capsule.get());
         return py::none();
     });
@@ -90,17 +94,15 @@ PyModuleDef_Slot slots[] = {
     {0, nullptr},
 };
 
-PyModuleDef definition = {
-    .m_base = PyModuleDef_HEAD_INIT,
-    .m_name = "health",
-    .m_doc = documentation,
-    .m_size = 0,
-    .m_methods = nullptr,
-    .m_slots = slots,
-    .m_traverse = nullptr,
-    .m_clear = nullptr,
-    .m_free = nullptr,
-};
+PyModuleDef definition = {.m_base = PyModuleDef_HEAD_INIT,
+                          .m_name = "health",
+                          .m_doc = nullptr,
+                          .m_size = 0,
+                          .m_methods = nullptr,
+                          .m_slots = slots,
+                          .m_traverse = nullptr,
+                          .m_clear = nullptr,
+                          .m_free = nullptr};
 
 }  // namespace
 

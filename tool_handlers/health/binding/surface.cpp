@@ -14,34 +14,30 @@ namespace health {
 namespace {
 
 template <auto function>
-constexpr py::FunctionDef define(const char* name) {
-    return Implementation<function>::define(name);
+constexpr py::FunctionDef define(const char* name, const char* parameters, bool has_frame = false) {
+    return Implementation<function>::define(name, parameters, has_frame);
 }
 
 constexpr std::array functions{
     sqlite_time_def,
     epoch_def,
     known_def,
-    define<performance_report>("handle_get_tool_performance_stats"),
-    define<thread_census_report>("thread_census_report"),
+    define<performance_report>("handle_get_tool_performance_stats", ""),
+    define<thread_census_report>("thread_census_report", "budget census"),
 };
 
 constexpr std::array members{
-    define<initialise>("__init__"),
-    define<limits_of>("limits"),
-    define<load>("_load"),
-    define<load_usage>("_load_usage"),
-    define<record_call>("record_call"),
-    define<record_success>("record_success"),
-    define<record_error>("record_error"),
-    cooldown_def,
-    define<is_disabled>("is_disabled"),
-    define<health_summary>("get_health_summary"),
+    define<load>("_load", "self", true),
+    define<load_usage>("_load_usage", "self", true),
+    define<record_call>("record_call", "self tool_name action outcome alias_hit duration_ms"),
+    define<record_success>("record_success", "self tool_name"),
+    define<record_error>("record_error", "self tool_name error"),
+    define<is_disabled>("is_disabled", "self tool_name"),
+    define<health_summary>("get_health_summary", "self"),
     usage_rows_def,
-    define<has_unsaved_changes>("has_unsaved_changes"),
-    define<flush>("flush"),
-    define<flush_usage>("_flush_usage"),
-    define<flush_health>("_flush_health"),
+    define<has_unsaved_changes>("has_unsaved_changes", "self"),
+    define<flush_usage>("_flush_usage", "self"),
+    define<flush_health>("_flush_health", "self"),
 };
 
 }  // namespace

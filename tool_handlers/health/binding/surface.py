@@ -2,7 +2,16 @@
 # import, the code is run in the module's namespace. So imports with their errors, constants, records, signatures and
 # documentation are the runtime's own.
 #
-# `...` stands for the native function that takes its place (see python/function.hpp).
+# `...` stands for the native function that takes its place (see python/function.hpp). What the runtime does as well is
+# Python here.
+
+"""Tool health tracking, the performance stats of the tools, and the process's thread census.
+
+``ToolHealthTracker`` disables a tool that keeps failing and tries it again after a
+cooldown, and counts what each call ran and how it ended, for ``status perf_stats``.
+``thread_census_report`` measures the threads of the process against the budget its pools
+allow, for the ``status`` answers.
+"""
 
 import json
 import logging
@@ -95,12 +104,20 @@ class ToolHealthTracker:
             repository: Where the history is kept.
             limits: When a failing tool is disabled, and for how long; None takes the defaults.
         """
-        return (...).call(self, repository, limits)
+        self._repo = repository
+        self._limits = limits if limits is not None else ToolsConfig()
+        self._lock = threading.Lock()
+        self._state = {}
+        self._dirty = set()
+        self._usage = {}
+        self._usage_dirty = False
+        self._load()
+        self._load_usage()
 
     @property
     def limits(self) -> ToolsConfig:
         """The tools settings the tracker was made with."""
-        return (...).call(self)
+        return self._limits
 
     def _load(self) -> None:
         """Seed the state from the table. History is best-effort: losing it is harmless."""
@@ -133,7 +150,7 @@ class ToolHealthTracker:
     @property
     def cooldown_s(self) -> float:
         """Seconds a disabled tool stays disabled."""
-        return (...).call(self)
+        return self._limits.disable_cooldown_s
 
     def is_disabled(self, tool_name: str) -> tuple[bool, str | None]:
         """Check if a tool is currently disabled."""
@@ -160,7 +177,7 @@ class ToolHealthTracker:
 
     def flush(self) -> int:
         """Write what changed (blocking: call from a thread that may wait)."""
-        return (...).call(self)
+        return self._flush_health() + self._flush_usage()
 
     def _flush_usage(self) -> int:
         """Write the usage counts when they changed; how many rows the document holds."""

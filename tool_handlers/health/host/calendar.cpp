@@ -33,8 +33,9 @@ double whole_seconds(double epoch) {
     return microseconds < 0.0 ? whole - 1.0 : whole;
 }
 
-/// Writes `value` in two digits; returns where the next character goes.
-char* write_two(char* out, unsigned value) {
+/// Writes a separator and `value` in two digits; returns where the next character goes.
+char* write_two(char* out, char separator, unsigned value) {
+    *out++ = separator;
     *out++ = static_cast<char>('0' + value / 10);
     *out++ = static_cast<char>('0' + value % 10);
     return out;
@@ -67,16 +68,11 @@ std::optional<TimestampText> format_timestamp(double epoch) {
     const hh_mm_ss time{moment - midnight};
     TimestampText text{};
     char* out = std::to_chars(text.characters.data(), text.characters.data() + 4, static_cast<int>(date.year())).ptr;
-    *out++ = '-';
-    out = write_two(out, static_cast<unsigned>(date.month()));
-    *out++ = '-';
-    out = write_two(out, static_cast<unsigned>(date.day()));
-    *out++ = ' ';
-    out = write_two(out, static_cast<unsigned>(time.hours().count()));
-    *out++ = ':';
-    out = write_two(out, static_cast<unsigned>(time.minutes().count()));
-    *out++ = ':';
-    out = write_two(out, static_cast<unsigned>(time.seconds().count()));
+    out = write_two(out, '-', static_cast<unsigned>(date.month()));
+    out = write_two(out, '-', static_cast<unsigned>(date.day()));
+    out = write_two(out, ' ', static_cast<unsigned>(time.hours().count()));
+    out = write_two(out, ':', static_cast<unsigned>(time.minutes().count()));
+    out = write_two(out, ':', static_cast<unsigned>(time.seconds().count()));
     text.size = static_cast<std::size_t>(out - text.characters.data());
     return text;
 }
@@ -86,19 +82,14 @@ std::optional<double> parse_timestamp(std::string_view text) {
         text[16] != ':') {
         return std::nullopt;
     }
-    const int year = read_digits(text, 0, 4);
-    const int month = read_digits(text, 5, 2);
-    const int day = read_digits(text, 8, 2);
+    const year_month_day date{std::chrono::year{read_digits(text, 0, 4)},
+                              std::chrono::month{static_cast<unsigned>(read_digits(text, 5, 2))},
+                              std::chrono::day{static_cast<unsigned>(read_digits(text, 8, 2))}};
     const int hour = read_digits(text, 11, 2);
     const int minute = read_digits(text, 14, 2);
     const int second = read_digits(text, 17, 2);
-    if (year < 1 || month < 1 || day < 1 || hour < 0 || hour > 23 || minute < 0 || minute > 59 || second < 0 ||
-        second > 59) {
-        return std::nullopt;
-    }
-    const year_month_day date{std::chrono::year{year}, std::chrono::month{static_cast<unsigned>(month)},
-                              std::chrono::day{static_cast<unsigned>(day)}};
-    if (!date.ok()) {
+    if (date.year() < std::chrono::year{1} || !date.ok() || hour < 0 || hour > 23 || minute < 0 || minute > 59 ||
+        second < 0 || second > 59) {
         return std::nullopt;
     }
     const sys_seconds moment =

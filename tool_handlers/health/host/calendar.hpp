@@ -1,4 +1,4 @@
-// Epoch seconds and stored timestamps, as far as plain C++ goes. Knows nothing of Python.
+// Epoch seconds and stored timestamps, as far as C++ goes. Knows nothing of Python.
 #pragma once
 
 #include <array>

@@ -1,39 +1,22 @@
-// The wall clock: `time.time`, as the module's namespace and the runtime's `time` module have it at that moment.
+// The wall clock: `time.time`, in epoch seconds. The lock is held whenever it is read.
 #pragma once
 
 #include <Python.h>
 
-#include <cstdint>
-
-#include "health/module/names.hpp"
-#include "health/python/ref.hpp"
+#include "health/module/context.hpp"
+#include "health/python/object.hpp"
 
 namespace health {
 
-/// What the clock gave: a value, or the error that it raised; neither if it was not read.
-struct ClockReading {
-    py::Ref now;  // epoch seconds
-    py::Ref error;
-};
+/// The time by the runtime's own clock, a float; empty where a host put another in its place. `module`: what the
+/// namespace has as `time`; may be nullptr. Runs no Python code; throws a MemoryError.
+inline py::Ref read_original_clock(const Context& context, PyObject* module) {
+    return context.state.clock.call(module);
+}
 
-class Clock {
-public:
-    /// Reads it if `time.time` is a native function without parameters, called through its method definition: a library
-    /// that freezes time exchanges the function there. What the function does is its own matter and may run Python
-    /// code: only what is read afterwards holds. `globals` is the module's namespace.
-    ClockReading read_natively(const Names& names, PyObject* globals);
-
-    /// `time.time()`, whatever stands in its place. May run Python code.
-    static py::Ref read(const Names& names, PyObject* globals);
-
-private:
-    void look_up(const Names& names, PyObject* globals);
-
-    // What was found in this state of the two namespaces. Borrowed from them while they have it.
-    std::uint64_t globals_version_ = 0;
-    std::uint64_t module_version_ = 0;
-    PyObject* module_globals_ = nullptr;  // of the `time` module
-    PyObject* function_ = nullptr;        // if it is native; else nullptr
-};
+/// `time.time()`, whatever stands in its place. May run Python code; throws what that raises, and a NameError.
+inline py::Ref read_clock(const Context& context) {
+    return py::call_method(context.get(Name::time).get(), context[Name::time]);
+}
 
 }  // namespace health

@@ -11,14 +11,14 @@
 
 #include <Python.h>
 
-#include "health/module/state.hpp"
+#include "health/module/context.hpp"
 
 namespace health {
 
-/// `tracker._repo.db.<operation>`, to be called. Runs Python code where attribute access does.
-inline py::Ref database_operation(const Module& module, const TrackerView& tracker, Name operation) {
-    const py::Ref database = py::get_attribute(tracker.get(TrackerFields::repo).get(), module[Name::db]);
-    return py::get_attribute(database.get(), module[operation]);
+/// `repository.db.<operation>`, to be called. Runs Python code where attribute access does.
+inline py::Ref database_operation(const Context& context, PyObject* repository, Name operation) {
+    const py::Ref database = py::get_attribute(repository, context[Name::db]);
+    return py::get_attribute(database.get(), context[operation]);
 }
 
 }  // namespace health

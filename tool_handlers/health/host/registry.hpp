@@ -5,19 +5,19 @@
 
 #include <Python.h>
 
-#include "health/module/state.hpp"
+#include "health/module/context.hpp"
 
 namespace health {
 
 /// Whether the registry holds the tool.
-bool has_tool(const Module& module, PyObject* tool);
+bool has_tool(const Context& context, PyObject* tool);
 
 /// `_known(tool, action)`: whether the registry holds the tool and, where `action` is not None, the tool has that
 /// action.
-py::Ref known(const Module& module, PyObject* tool, PyObject* action);
-inline constexpr py::FunctionDef known_def = Implementation<known>::define("_known");
+py::Ref known(const Context& context, PyObject* tool, PyObject* action);
+inline constexpr py::FunctionDef known_def = Implementation<known>::define("_known", "tool action");
 
 /// The same, by way of the namespace's `_known`.
-bool is_known(const Module& module, PyObject* tool, PyObject* action);
+bool is_known(const Context& context, PyObject* tool, PyObject* action);
 
 }  // namespace health

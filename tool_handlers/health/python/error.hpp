@@ -8,12 +8,23 @@
 
 #include <Python.h>
 
+/// In builds with HEALTH_ASSERTIONS (the presets debug and sanitize), ends the process with `text` where `condition`
+/// does not hold. In others nothing, and `condition` is not evaluated.
+#ifdef HEALTH_ASSERTIONS
+#define HEALTH_ASSERT(condition, text) ((condition) ? static_cast<void>(0) : Py_FatalError(text))
+#else
+#define HEALTH_ASSERT(condition, text) static_cast<void>(0)
+#endif
+
 namespace health::py {
 
 /// The runtime's error indicator is set.
 struct PythonError {};
 
-[[noreturn]] inline void throw_current() { throw PythonError{}; }
+[[noreturn]] inline void throw_current() {
+    HEALTH_ASSERT(PyErr_Occurred() != nullptr, "a call failed without an error");
+    throw PythonError{};
+}
 
 /// Sets an error of `type` with a text made as `PyErr_Format` makes it, and throws.
 template <class... Values>

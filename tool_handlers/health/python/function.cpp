@@ -40,7 +40,7 @@ inline const NativeFunction* native_of(PyObject* function) {
     }
     PyObject* native = PyTuple_GET_ITEM(constants, native_place);
     const bool is_own = Py_TYPE(native)->tp_dealloc == deallocate &&
-                        as_native(native).code_version == reinterpret_cast<PyCodeObject*>(code)->co_version;
+                        as_native(native).code_version == version_of(reinterpret_cast<PyCodeObject*>(code));
     return is_own ? &as_native(native) : nullptr;
 }
 
@@ -51,7 +51,7 @@ inline bool are_in_order(const PyCodeObject& code, Py_ssize_t positional, PyObje
         return false;
     }
     for (Py_ssize_t index = 0; index < named; ++index) {
-        if (PyTuple_GET_ITEM(keywords, index) != PyTuple_GET_ITEM(code.co_localsplusnames, positional + index)) {
+        if (PyTuple_GET_ITEM(keywords, index) != PyTuple_GET_ITEM(variables_of(&code), positional + index)) {
             return false;
         }
     }
@@ -59,14 +59,10 @@ inline bool are_in_order(const PyCodeObject& code, Py_ssize_t positional, PyObje
 }
 
 /// Runs the implementation. It guards the C stack as the runtime's own native functions do: what a call runs may be
-/// native, too, and call back here without a Python frame in between. Where depth is left, what `Py_EnterRecursiveCall`
-/// and its counterpart do is done here with one look-up of the thread instead of two (measured: 7 % of is_disabled);
-/// where none is, the runtime decides.
+/// native, too, and call back here without a Python frame in between.
 inline PyObject* run(const NativeFunction& native, PyObject* globals, PyObject* const* arguments) {
-    PyThreadState* thread = _PyThreadState_UncheckedGet();
-    if (thread->c_recursion_remaining > 0) {
-        --thread->c_recursion_remaining;
-    } else if (Py_EnterRecursiveCall(" while calling a Python object") != 0) {
+    PyThreadState* thread = thread_state();
+    if (!enter_native(thread)) {
         return nullptr;
     }
     const FunctionContext context{.state = native.state, .globals = globals};
@@ -75,7 +71,7 @@ inline PyObject* run(const NativeFunction& native, PyObject* globals, PyObject* 
     PyObject* result = to_runtime([&] { return native.definition->implementation(context, arguments); });
     Py_DECREF(globals);
     Py_DECREF(owner);
-    ++thread->c_recursion_remaining;
+    leave_native(thread);
     return result;
 }
 
@@ -83,7 +79,7 @@ PyObject* vectorcall(PyObject* function, PyObject* const* arguments, std::size_t
     const NativeFunction* native = native_of(function);
     if (native == nullptr || !are_in_order(*reinterpret_cast<PyCodeObject*>(PyFunction_GET_CODE(function)),
                                            PyVectorcall_NARGS(count), keywords)) {
-        return _PyFunction_Vectorcall(function, arguments, count, keywords);
+        return call_interpreted(function, arguments, count, keywords);
     }
     return run(*native, PyFunction_GET_GLOBALS(function), arguments);
 }
@@ -99,17 +95,25 @@ PyObject* call_bound(PyObject* self, PyObject* const* arguments, Py_ssize_t coun
     return run(native, globals, arguments);
 }
 
+/// Throws where code does not have the parameters of its definition.
+void check_parameters(const PyCodeObject* code, const FunctionDef& definition) {
+    const int count = code->co_argcount + code->co_kwonlyargcount;
+    const Ref names = Ref::steal(PyTuple_GetSlice(variables_of(code), 0, count));
+    const Ref joined = Ref::steal(PyUnicode_Join(text(" ").get(), names.get()));
+    if (PyUnicode_CompareWithASCIIString(joined.get(), definition.parameters) != 0 ||
+        static_cast<std::size_t>(count) != definition.parameter_count) {
+        raise(PyExc_SystemError, "%s() has other parameters than: %s", definition.name, definition.parameters);
+    }
+}
+
 /// The constants of a function's code with the native function in the place of `...`.
 Ref constants_with(PyObject* constants, PyObject* native) {
     if (PyTuple_GET_SIZE(constants) <= native_place || PyTuple_GET_ITEM(constants, native_place) != Py_Ellipsis) {
         raise(PyExc_SystemError, "%s() has no place for its native code", as_native(native).definition->name);
     }
-    Ref changed = Ref::steal(PyTuple_New(PyTuple_GET_SIZE(constants)));
-    for (Py_ssize_t place = 0; place < PyTuple_GET_SIZE(constants); ++place) {
-        PyObject* constant = place == native_place ? native : PyTuple_GET_ITEM(constants, place);
-        PyTuple_SET_ITEM(changed.get(), place, Py_NewRef(constant));
-    }
-    return changed;
+    const Ref changed = Ref::steal(PySequence_List(constants));
+    check(PyList_SetItem(changed.get(), native_place, Py_NewRef(native)));
+    return Ref::steal(PySequence_Tuple(changed.get()));
 }
 
 PyMethodDef methods[] = {
@@ -145,20 +149,23 @@ void make_native(PyObject* function, const FunctionDef& definition, PyObject* na
     if (!PyFunction_Check(function)) {
         raise(PyExc_TypeError, "%s must be a function, not %.100s", definition.name, Py_TYPE(function)->tp_name);
     }
+    const Ref code = Ref::borrow(PyFunction_GET_CODE(function));
+    check_parameters(reinterpret_cast<PyCodeObject*>(code.get()), definition);
     auto* type = reinterpret_cast<PyTypeObject*>(native_function_type);
     const Ref native = Ref::steal(type->tp_alloc(type, 0));
     as_native(native.get()).definition = &definition;
     as_native(native.get()).owner = Py_NewRef(state);
     as_native(native.get()).state = PyCapsule_GetPointer(state, nullptr);
-    const Ref code = Ref::borrow(PyFunction_GET_CODE(function));
     const Ref constants = constants_with(reinterpret_cast<PyCodeObject*>(code.get())->co_consts, native.get());
     const Ref keywords = make_tuple(text("co_consts").get());
     std::array<PyObject*, 2> arguments{nullptr, constants.get()};
     const Ref replace = get_attribute(code.get(), "replace");
     const Ref changed = call_vector(replace.get(), arguments.data() + 1, 0, keywords.get());
     check(PyObject_SetAttrString(function, "__code__", changed.get()));
-    as_native(native.get()).code_version = reinterpret_cast<PyCodeObject*>(changed.get())->co_version;
-    PyFunction_SetVectorcall(reinterpret_cast<PyFunctionObject*>(function), vectorcall);
+    as_native(native.get()).code_version = version_of(reinterpret_cast<PyCodeObject*>(changed.get()));
+    if (!definition.has_frame) {
+        PyFunction_SetVectorcall(reinterpret_cast<PyFunctionObject*>(function), vectorcall);
+    }
 }
 
 bool is_original(PyObject* object, const FunctionDef& definition, PyObject* globals) {

@@ -1,18 +1,17 @@
 // Sections that only one thread may be in.
 //
 // The lock is a `threading.Lock`, which Python code can see and take. Taking and releasing it costs more than most
-// sections do, and often that can be elided. A thread that holds the GIL is alone until it runs Python code or waits,
-// for nothing else gives the GIL away (in this runtime not even an allocation does: collections run between bytecodes
-// only). So a section that does neither, an elided one, is alone from its first step to its last, provided that no
-// other thread stopped in the middle of a section of its own; such a thread holds the lock. An elided section only
-// looks that the lock is free:
+// sections do, and often that can be elided. A thread that holds the GIL is alone until it runs Python code or waits:
+// nothing else gives the GIL away (in this runtime not even an allocation does: collections run between bytecodes
+// only). So a section that does neither is alone from its first step to its last, unless another thread stopped in the
+// middle of a section of its own; and that one holds the lock. An elided section only looks that the lock is free:
 //
 //     thread 1   look: free | elided section |                           look: held, so take: waits ... | section
 //     thread 2                                 take | section, which runs Python code, which  | release
 //     GIL        1                             2      gives the GIL away:     1 (looks)         2         1
 //
-// A section that may run Python code takes the lock for real, and so does one that finds it held. Waiting lets other
-// threads run: what was read before must then be read again.
+// A section that may run Python code takes the lock, and so does one that finds it held. Waiting lets other threads
+// run: so such a section reads everything anew.
 #pragma once
 
 #include <Python.h>
@@ -24,11 +23,11 @@
 
 namespace health::py {
 
-/// The native methods of `threading.Lock`.
+/// The methods of `threading.Lock`, whose type is immutable: so they stay as they are.
 class LockMethods {
 public:
-    /// Looks them up, once. Where the runtime's lock type was replaced, no lock will be found native.
-    void bind();
+    /// Finds them. Where the runtime's lock type was replaced, no lock will be native. Throws a MemoryError.
+    void find();
 
     [[nodiscard]] bool is_native(PyObject* lock) const {
         return reinterpret_cast<PyObject*>(Py_TYPE(lock)) == type_.get();
@@ -46,14 +45,13 @@ public:
     void release(PyObject* lock) const;
 
 private:
-    Ref type_;  // immutable, so its methods stay as they are
-    PyCFunctionWithKeywords acquire_ = nullptr;
-    PyCFunction release_ = nullptr;
+    Ref type_;
+    Ref acquire_;
+    Ref release_;
     PyCFunction locked_ = nullptr;
 };
 
-/// A lock that was entered as by a `with` statement, to be left exactly once. A thread that a finalising interpreter
-/// ends in between leaves it as it is.
+/// A lock that was entered as by a `with` statement, to be left once. A thread that is ended in between leaves it held.
 class EnteredLock {
 public:
     /// Enters; any context manager serves as a lock. Throws what that raises.
@@ -68,7 +66,6 @@ public:
 
 private:
     [[nodiscard]] bool is_swallowed(PyObject* error) const;
-    void release() const;
 
     const LockMethods& methods_;
     Ref lock_;
@@ -82,7 +79,7 @@ template <class Body>
 Ref with_lock(const LockMethods& methods, PyObject* lock, Body&& body) {
     EnteredLock entered(methods, lock);
     Ref result = none();
-    Ref error = caught_error_of([&] { result = std::forward<Body>(body)(); });
+    Ref error = error_of([&] { result = std::forward<Body>(body)(); });
     if (error) {
         entered.leave_with(std::move(error));
     } else {

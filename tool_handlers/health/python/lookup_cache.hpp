@@ -1,25 +1,26 @@
 // A cache of dictionary look-ups that have been made, as the runtime's own cache of type attributes is one.
 //
 // An entry holds a key, the value borrowed from the dictionary, and the dictionary's version: a number that no other
-// state of any dictionary of this interpreter has. It serves while the dictionary has that version, so an answer is
-// what a look-up in a dictionary of plain keys would give, and it is found without running Python code, and without
-// building the key where that is a tuple. Each key has one place; another that has the same one takes it over.
+// state of any dictionary of this interpreter has. It serves while the dictionary has that version, so its answer is
+// that of a look-up. It is found without running Python code, and without building the key where that is a tuple. Each
+// key has one place; another that has the same one takes it over.
 //
 // An entry keeps its key alive until another takes its place, also when the dictionary is gone: at most 1,024 keys.
 //
-// Only plain keys are held: exactly a str, or a tuple of parts that are exactly str, None or bool. Comparing those runs
-// no Python code, and neither does dropping them.
+// Only such keys are held as are compared and dropped without Python code: a text, exactly a str, or a tuple of parts
+// that are exactly str, None or bool.
 #pragma once
 
 #include <Python.h>
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
 
-#include "health/python/dict.hpp"
 #include "health/python/ref.hpp"
+#include "health/python/runtime.hpp"
 
 namespace health::py {
 
@@ -39,11 +40,11 @@ public:
         if (entry.version != version_of(dict) || !is_same_key(entry.key.get(), key)) {
             return nullptr;
         }
-        assert_held(dict, entry.value);
+        HEALTH_ASSERT(is_held(dict, entry.value), "the look-up cache knows a value that its dictionary does not hold");
         return entry.value;
     }
 
-    /// Keeps what a look-up in an exact dictionary has just found. Keys that are not plain are left out. Runs nothing.
+    /// Keeps what a look-up in a dictionary, exactly a dict, has just found; nothing for any other key. Runs nothing.
     template <std::size_t Count>
     void remember(PyObject* dict, const Key<Count>& parts, PyObject* key, PyObject* value) {
         for (PyObject* part : parts) {
@@ -67,11 +68,8 @@ private:
     static constexpr std::size_t size = 1024;
 
     static std::size_t hash_of(PyObject* part) {
-        if (!PyUnicode_CheckExact(part)) {
-            return reinterpret_cast<std::uintptr_t>(part) >> 4;
-        }
-        const Py_hash_t known = reinterpret_cast<PyASCIIObject*>(part)->hash;
-        return static_cast<std::size_t>(known != -1 ? known : PyObject_Hash(part));
+        return PyUnicode_CheckExact(part) ? static_cast<std::size_t>(hash_of_text(part))
+                                          : reinterpret_cast<std::uintptr_t>(part) >> 4;
     }
 
     template <std::size_t Count>
@@ -83,37 +81,29 @@ private:
         return (hash ^ hash >> 10) % size;
     }
 
-    /// In builds with assertions, ends the process if the dictionary does not hold the value.
-    static void assert_held([[maybe_unused]] PyObject* dict, [[maybe_unused]] PyObject* value) {
-#ifdef HEALTH_ASSERTIONS
+    /// Whether the dictionary holds the value, under whatever key.
+    static bool is_held(PyObject* dict, PyObject* value) {
         Py_ssize_t position = 0;
         PyObject* held = nullptr;
-        while (held != value) {
-            if (PyDict_Next(dict, &position, nullptr, &held) == 0) {
-                Py_FatalError("the look-up cache knows a value that its dictionary does not hold");
-            }
-        }
-#endif
+        while (held != value && PyDict_Next(dict, &position, nullptr, &held) != 0) {}
+        return held == value;
     }
 
     static bool is_same(PyObject* left, PyObject* right) {
         return left == right ||
-               (PyUnicode_CheckExact(left) && PyUnicode_CheckExact(right) && _PyUnicode_EQ(left, right) != 0);
+               (PyUnicode_CheckExact(left) && PyUnicode_CheckExact(right) && is_same_text(left, right));
     }
-
-    static bool is_same_key(PyObject* held, const Key<1>& key) { return is_same(held, key[0]); }
 
     template <std::size_t Count>
     static bool is_same_key(PyObject* held, const Key<Count>& key) {
-        if (!PyTuple_CheckExact(held) || PyTuple_GET_SIZE(held) != static_cast<Py_ssize_t>(Count)) {
-            return false;
-        }
-        for (std::size_t index = 0; index < Count; ++index) {
-            if (!is_same(PyTuple_GET_ITEM(held, static_cast<Py_ssize_t>(index)), key[index])) {
+        PyObject* const* parts = &held;
+        if constexpr (Count > 1) {
+            if (!PyTuple_CheckExact(held) || PyTuple_GET_SIZE(held) != static_cast<Py_ssize_t>(Count)) {
                 return false;
             }
+            parts = PySequence_Fast_ITEMS(held);
         }
-        return true;
+        return std::equal(key.begin(), key.end(), parts, is_same);
     }
 
     std::array<Entry, size> entries_;

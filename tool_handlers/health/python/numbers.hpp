@@ -1,6 +1,7 @@
-// Arithmetic on the runtime's numbers: short ways for plain ones, the runtime's own for all others.
+// Plain values, and arithmetic on them: short ways for plain numbers, the runtime's own for all others.
 //
-// A number is plain when it is exactly an int or a float: its arithmetic runs no Python code.
+// A value is plain when it is exactly an int, a float, a str, a bool or None: neither using it nor dropping it runs
+// Python code.
 #pragma once
 
 #include <Python.h>
@@ -13,6 +14,12 @@ namespace health::py {
 static_assert(sizeof(long) == 8, "counts are read as long");
 
 inline bool is_plain_number(PyObject* object) { return PyLong_CheckExact(object) || PyFloat_CheckExact(object); }
+
+inline bool is_plain(PyObject* object) {
+    const PyTypeObject* type = Py_TYPE(object);
+    return type == &PyLong_Type || type == &PyFloat_Type || type == &PyUnicode_Type || type == &PyBool_Type ||
+           object == Py_None;
+}
 
 /// `left + right` as `+=` makes it. Runs Python code unless both are plain.
 inline Ref add(PyObject* left, PyObject* right) {
@@ -43,20 +50,14 @@ inline Ref minus(PyObject* number) { return Ref::steal(PyNumber_Negative(number)
 
 /// `left >= right`. Runs Python code unless both are plain.
 inline bool is_at_least(PyObject* left, PyObject* right) {
-    if (is_compact(left) && is_compact(right)) {
-        return compact_value(left) >= compact_value(right);
-    }
-    if (PyFloat_CheckExact(left) && PyFloat_CheckExact(right)) {
-        return PyFloat_AS_DOUBLE(left) >= PyFloat_AS_DOUBLE(right);
-    }
-    return compares(left, right, Py_GE);
+    return is_compact(left) && is_compact(right) ? compact_value(left) >= compact_value(right)
+                                                 : compares(left, right, Py_GE);
 }
 
-/// The nearest double to the exact value of `value` rounded to `digits` decimals, a tie going to the even digit.
-/// Plain C++; `digits` is 0 to 3.
-double round_to(double value, int digits);
-
 /// `round(value, digits)`. Runs Python code unless `value` is plain.
-Ref round_by_runtime(PyObject* value, int digits);
+inline Ref round_by_runtime(PyObject* value, int digits) {
+    const Ref round = get_item(PyEval_GetBuiltins(), text("round").get());
+    return call(round.get(), value, integer(digits).get());
+}
 
 }  // namespace health::py

@@ -6,6 +6,7 @@
 #include <Python.h>
 
 #include <array>
+#include <string_view>
 
 #include "health/python/error.hpp"
 #include "health/python/ref.hpp"
@@ -14,18 +15,31 @@ namespace health::py {
 
 inline Ref get_attribute(PyObject* object, PyObject* name) { return Ref::steal(PyObject_GetAttr(object, name)); }
 
-/// Reads one attribute of objects that are mostly of one class.
-class PlainAttribute {
-public:
-    /// The attribute if the class has plain access to it; else empty, with no error set. It runs Python code only where
-    /// an odd key in a namespace is compared with the name; so read what you rely on afterwards.
-    Ref get(PyObject* object, PyObject* name);
+/// The value under `key` of a dict, or nullptr. Borrowed: hold it with a `Ref` before anything may run Python code.
+/// Runs Python code only if `key`, or a key of the same hash, is of a type with its own `__eq__`.
+inline PyObject* find(PyObject* dict, PyObject* key) {
+    PyObject* value = PyDict_GetItemWithError(dict, key);
+    if (value == nullptr && PyErr_Occurred() != nullptr) {
+        throw_current();
+    }
+    return value;
+}
 
-private:
-    static bool is_plain(PyTypeObject* type, PyObject* name);
+/// Whether all keys of a dict are exactly str: then looking up a text runs no Python code. Runs none itself.
+bool has_text_keys(PyObject* dict);
 
-    unsigned int version_ = 0;  // of the class for which the attribute was last found plain; 0 for none
-};
+/// `container[key] = value`. Of a dict as `find`.
+inline void set_item(PyObject* container, PyObject* key, PyObject* value) {
+    check(PyDict_CheckExact(container) ? PyDict_SetItem(container, key, value)
+                                       : PyObject_SetItem(container, key, value));
+}
+
+/// A new container, taken over, that Python code cannot find through the collector: for what is made bit by bit.
+inline Ref hidden(PyObject* container) {
+    Ref held = Ref::steal(container);
+    PyObject_GC_UnTrack(held.get());
+    return held;
+}
 
 inline Ref get_item(PyObject* container, PyObject* key) { return Ref::steal(PyObject_GetItem(container, key)); }
 
@@ -63,6 +77,14 @@ inline Ref text(const char* value) { return Ref::steal(PyUnicode_FromString(valu
 /// The only attribute access by a C string: for set-up, where no interned name is kept.
 inline Ref get_attribute(PyObject* object, const char* name) {
     return Ref::steal(PyObject_GetAttrString(object, name));
+}
+
+/// Whether an object is exactly a str, of ASCII characters only.
+inline bool is_ascii(PyObject* object) { return PyUnicode_CheckExact(object) && PyUnicode_IS_COMPACT_ASCII(object); }
+
+/// The characters of such a text, for as long as it lives.
+inline std::string_view ascii_of(PyObject* text) {
+    return {static_cast<const char*>(PyUnicode_DATA(text)), static_cast<std::size_t>(PyUnicode_GET_LENGTH(text))};
 }
 
 /// `str(object)`, and what an f-string makes of an object.

@@ -1,4 +1,4 @@
-// What follows a failure: the API boundary, handlers, undoing.
+// Catching errors: the API boundary, and Python's `try` statements.
 #pragma once
 
 #include <Python.h>
@@ -11,10 +11,9 @@
 
 namespace health::py {
 
-/// Runs `body`; the error it ends with, taken out of the indicator, or an empty reference. The caller takes what was
-/// deferred meanwhile. Everything that catches is made of this.
+/// Runs `body`. The error that it throws, taken out of the indicator; an empty reference if none. Nothing else catches.
 template <class Body>
-Ref caught_error_of(Body&& body) {
+Ref error_of(Body&& body) {
     try {
         std::forward<Body>(body)();
         return {};
@@ -24,19 +23,9 @@ Ref caught_error_of(Body&& body) {
         PyErr_NoMemory();
     }
     if (PyErr_Occurred() == nullptr) {
-        PyErr_NoMemory();  // which the runtime leaves unsaid here and there
+        PyErr_SetString(PyExc_SystemError, "error return without exception set");  // as the runtime says it
     }
     return Ref::steal_optional(PyErr_GetRaisedException());
-}
-
-/// The same, and drops what was deferred.
-template <class Body>
-Ref error_of(Body&& body) {
-    Ref error = caught_error_of(std::forward<Body>(body));
-    if (error) {
-        const DeferredRefs dropped;
-    }
-    return error;
 }
 
 /// Sets an error of `error_of` again, and throws.
@@ -90,15 +79,14 @@ void recovering(Body&& body, Recover&& recover) {
 template <class Body, class Handle>
 bool guarded(Body&& body, Handle&& handle) {
     Ref error = error_of(std::forward<Body>(body));
-    if (!error) {
-        return true;
-    }
-    if (PyErr_GivenExceptionMatches(error.get(), PyExc_Exception) == 0) {
+    if (error && PyErr_GivenExceptionMatches(error.get(), PyExc_Exception) == 0) {
         rethrow(std::move(error));
     }
-    const HandledError handled(error.get());
-    std::forward<Handle>(handle)(error.get());
-    return false;
+    if (error) {
+        const HandledError handled(error.get());
+        std::forward<Handle>(handle)(error.get());
+    }
+    return !error;
 }
 
 }  // namespace health::py

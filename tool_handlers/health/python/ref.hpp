@@ -7,17 +7,12 @@
 
 #include <Python.h>
 
-#include <exception>
 #include <utility>
 
-#include "health/python/deferred.hpp"
 #include "health/python/error.hpp"
+#include "health/python/runtime.hpp"
 
 namespace health::py {
-
-/// Whether this thread is attached to the interpreter, and so may touch its objects. It is not when a
-/// finalising interpreter ends it: then destructors run without the GIL and must leave every object alone.
-inline bool is_attached() { return _PyThreadState_UncheckedGet() != nullptr; }
 
 class Ref {
 public:
@@ -33,8 +28,8 @@ public:
         return *this;
     }
 
-    // Dropping a last reference may run Python code, and so end in a forced unwind (see error.hpp): not `noexcept`,
-    // nor is any destructor of what holds a reference.
+    // Dropping a last reference may run Python code, in which a finalising interpreter may end the thread by a forced
+    // unwind: so neither this nor any destructor of what holds a reference is `noexcept`.
     ~Ref() noexcept(false) { drop(object_); }
 
     [[nodiscard]] static Ref steal(PyObject* object) {
@@ -60,13 +55,9 @@ public:
 private:
     explicit Ref(PyObject* object) : object_(object) {}
 
-    // Immortal objects (None, the bools, small integers) need no counting, and so no look at the thread either.
+    // Immortal objects (None, the bools, small integers) need no look at the thread either.
     static void drop(PyObject* object) {
-        if (object == nullptr || _Py_IsImmortal(object) || !is_attached()) {
-            return;
-        }
-        const bool is_last = Py_REFCNT(object) == 1;
-        if (!(is_last && std::uncaught_exceptions() > 0 && defer_decref(object))) {
+        if (object != nullptr && !is_immortal(object) && is_attached()) {
             Py_DECREF(object);
         }
     }

@@ -1,9 +1,7 @@
 #include "health/tracker/dirty.hpp"
 
 #include "health/python/numbers.hpp"
-
 #include "health/tracker/mapping.hpp"
-#include "health/tracker/section.hpp"
 
 namespace health {
 
@@ -16,35 +14,10 @@ constexpr long everything = 2;
 
 void mark_everything_dirty(const TrackerView& tracker) { tracker.set(usage_dirty, py::integer(everything)); }
 
-/// A container that Python code cannot find through the collector.
-Ref hidden(PyObject* container) {
-    Ref held = Ref::steal(container);
-    PyObject_GC_UnTrack(held.get());
-    return held;
-}
-
-/// The dirty names with those of all tools.
-Ref all_names(const Module& module, const TrackerView& tracker, PyObject* names) {
-    Ref all = hidden(PySet_New(names));
-    for (const MappingEntry& entry : list_entries(module, tracker.get(state).get())) {
-        py::check(PySet_Add(all.get(), entry.key.get()));
-    }
-    return all;
-}
-
-}  // namespace
-
-void mark_dirty(const Module& module, const TrackerView& tracker, PyObject* tool_name) {
-    const Ref names = tracker.get(dirty);
-    if (PySet_CheckExact(names.get())) {
-        py::check(PySet_Add(names.get(), tool_name));
-    } else {
-        py::call_method(names.get(), module[Name::add], tool_name);
-    }
-}
-
-bool is_any_dirty(const TrackerView& tracker) {
-    return py::is_true(tracker.get(dirty).get()) || is_everything_dirty(tracker);
+/// Runs `body`; when it throws, every tool is dirty.
+template <class Body>
+void or_everything(const TrackerView& tracker, Body&& body) {
+    py::recovering(std::forward<Body>(body), [&] { mark_everything_dirty(tracker); });
 }
 
 bool is_everything_dirty(const TrackerView& tracker) {
@@ -52,51 +25,69 @@ bool is_everything_dirty(const TrackerView& tracker) {
     return flag != nullptr && py::is_compact(flag) && py::compact_value(flag) == everything;
 }
 
-Ref mark_usage_dirty(const TrackerView& tracker) {
-    return is_everything_dirty(tracker) ? Ref() : tracker.exchange(usage_dirty, py::boolean(true));
+/// The dirty names with those of all tools.
+Ref all_names(const Context& context, const TrackerView& tracker, PyObject* names) {
+    Ref all = py::hidden(PySet_New(names));
+    for (const MappingEntry& entry : list_entries(context, tracker.get(state).get())) {
+        py::check(PySet_Add(all.get(), entry.key.get()));
+    }
+    return all;
 }
 
-Ref take_dirty(const Module& module, const TrackerView& tracker) {
+}  // namespace
+
+void mark_dirty(const Context& context, const TrackerView& tracker, PyObject* tool_name) {
+    Ref error = py::error_of([&] { py::call_method(tracker.get(dirty).get(), context[Name::add], tool_name); });
+    if (!error) {
+        return;
+    }
+    if (PyErr_GivenExceptionMatches(error.get(), PyExc_MemoryError) != 0) {
+        mark_everything_dirty(tracker);
+    }
+    py::rethrow(std::move(error));
+}
+
+bool is_any_dirty(const TrackerView& tracker) {
+    return py::is_true(tracker.get(dirty).get()) || is_everything_dirty(tracker);
+}
+
+Ref set_usage_dirty(const TrackerView& tracker, bool value) {
+    return is_everything_dirty(tracker) ? Ref() : tracker.exchange(usage_dirty, py::boolean(value));
+}
+
+Ref take_dirty(const Context& context, const TrackerView& tracker) {
     const Ref names = tracker.get(dirty);
     const bool is_everything = is_everything_dirty(tracker);
-    const Ref taken = is_everything ? all_names(module, tracker, names.get()) : Ref::borrow(names.get());
-    Ref sorted = hidden(PySequence_List(taken.get()));
+    const Ref taken = is_everything ? all_names(context, tracker, names.get()) : Ref::borrow(names.get());
+    Ref sorted = py::hidden(PySequence_List(taken.get()));
     py::check(PyList_Sort(sorted.get()));
-    if (PySet_CheckExact(names.get())) {
-        py::check(PySet_Clear(names.get()));
-    } else {
-        py::call_method(names.get(), module[Name::clear]);
-    }
+    py::call_method(names.get(), context[Name::clear]);
     if (is_everything) {
         tracker.set(usage_dirty, py::boolean(true));
     }
     return sorted;
 }
 
-void put_back_dirty_locked(const Module& module, const TrackerView& tracker, PyObject* names) {
-    py::recovering(
-        [&] {
-            const Ref set = tracker.get(dirty);
-            if (!PySet_CheckExact(set.get())) {
-                py::call_method(set.get(), module[Name::update], names);
-                return;
-            }
-            for (Py_ssize_t place = 0; place < PyList_GET_SIZE(names); ++place) {
-                py::check(PySet_Add(set.get(), PyList_GET_ITEM(names, place)));
-            }
-        },
-        [&] { mark_everything_dirty(tracker); });
+void put_back_dirty_locked(const Context& context, const TrackerView& tracker, PyObject* names) {
+    or_everything(tracker, [&] {
+        const Ref set = tracker.get(dirty);
+        const bool is_set = PySet_CheckExact(set.get());
+        for (Py_ssize_t place = 0; is_set && place < PyList_GET_SIZE(names); ++place) {
+            py::check(PySet_Add(set.get(), PyList_GET_ITEM(names, place)));
+        }
+        if (!is_set) {
+            py::call_method(set.get(), context[Name::update], names);
+        }
+    });
 }
 
-void put_back_dirty(const Module& module, const TrackerView& tracker, PyObject* names) {
-    py::recovering(
-        [&] {
-            in_section(module, tracker, [&] {
-                put_back_dirty_locked(module, tracker, names);
-                return py::none();
-            });
-        },
-        [&] { mark_everything_dirty(tracker); });
+void put_back_dirty(const Context& context, const TrackerView& tracker, PyObject* names) {
+    or_everything(tracker, [&] {
+        in_section(context, tracker, [&] {
+            put_back_dirty_locked(context, tracker, names);
+            return py::none();
+        });
+    });
 }
 
 }  // namespace health

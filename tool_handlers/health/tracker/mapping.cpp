@@ -4,7 +4,7 @@ namespace health {
 
 using py::Ref;
 
-py::RefVector<MappingEntry> list_entries(const Module& module, PyObject* mapping) {
+py::RefVector<MappingEntry> list_entries(const Context& context, PyObject* mapping) {
     py::RefVector<MappingEntry> entries;
     if (PyDict_CheckExact(mapping)) {
         entries.reserve(static_cast<std::size_t>(PyDict_GET_SIZE(mapping)));
@@ -16,21 +16,13 @@ py::RefVector<MappingEntry> list_entries(const Module& module, PyObject* mapping
         }
         return entries;
     }
-    const Ref items = py::call_method(mapping, module[Name::items]);
+    const Ref items = py::call_method(mapping, context[Name::items]);
     const Ref iterator = Ref::steal(PyObject_GetIter(items.get()));
     while (const Ref item = py::next_item(iterator.get())) {
         auto [key, record] = py::unpack<2>(item.get());
         entries.push_back({.key = std::move(key), .record = std::move(record)});
     }
     return entries;
-}
-
-Ref key_tuple(Ref key) {
-    if (PyTuple_CheckExact(key.get()) && PyTuple_GET_SIZE(key.get()) == 4) {
-        return key;
-    }
-    const auto [tool, action, outcome, alias_hit] = py::unpack<4>(key.get());
-    return py::make_tuple(tool.get(), action.get(), outcome.get(), alias_hit.get());
 }
 
 }  // namespace health

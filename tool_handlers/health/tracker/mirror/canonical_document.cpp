@@ -19,7 +19,7 @@ bool is_integer(std::string_view number) {
 
 }  // namespace
 
-std::size_t plain_size(std::string_view text) {
+std::size_t unescaped_size(std::string_view text) {
     std::size_t size = 0;
     while (size < text.size() && text[size] >= ' ' && text[size] <= '~' && text[size] != '"' && text[size] != '\\') {
         ++size;
@@ -54,7 +54,7 @@ bool CanonicalReader::take_text(std::string_view& text) {
     if (!take("\"")) {
         return false;
     }
-    text = rest_.substr(0, plain_size(rest_));
+    text = rest_.substr(0, unescaped_size(rest_));
     rest_.remove_prefix(text.size());
     return take("\"");
 }

@@ -7,7 +7,7 @@
 namespace health {
 
 /// How many characters stand at the beginning that need no escape in a JSON text: printable ASCII but for two.
-std::size_t plain_size(std::string_view text);
+std::size_t unescaped_size(std::string_view text);
 
 /// One element as its text has it. The texts lie in the document.
 struct CanonicalElement {

@@ -6,27 +6,30 @@
 
 #include <Python.h>
 
-#include "health/module/state.hpp"
+#include "health/module/context.hpp"
 
 namespace health {
 
 // health_table.cpp: the table `tool_health`, one row per tool.
 
 /// `_load`: seeds `_state` from the table.
-void load(const Module& module, PyObject* self);
+void load(const Context& context, PyObject* self);
 /// `_flush_health`: the number of rows written.
-py::Ref flush_health(const Module& module, PyObject* self);
+py::Ref flush_health(const Context& context, PyObject* self);
 
 // usage_document.cpp: the usage counts, one JSON document in the table `schema_info`.
 
 /// `_load_usage`: seeds `_usage` from the document.
-void load_usage(const Module& module, PyObject* self);
+void load_usage(const Context& context, PyObject* self);
 /// `_flush_usage`: the number of entries written.
-py::Ref flush_usage(const Module& module, PyObject* self);
+py::Ref flush_usage(const Context& context, PyObject* self);
 
-// flush.cpp
+// changes.cpp
 
-/// Both, by way of the object's methods; the sum of what they return.
-py::Ref flush(const Module& module, PyObject* self);
+/// `logger.warning(format, error)` where a read failed; `format` has one `%s`.
+void log_failure(const Context& context, const char* format, PyObject* error);
+
+/// Whether a flush has anything to write. Enters the lock's section once; does not wait for the database.
+py::Ref has_unsaved_changes(const Context& context, PyObject* self);
 
 }  // namespace health

@@ -3,8 +3,11 @@
 
 #include <Python.h>
 
-#include "health/module/state.hpp"
-#include "health/python/ref_vector.hpp"
+#include <span>
+
+#include "health/module/context.hpp"
+#include "health/python/memory.hpp"
+#include "health/records/records.hpp"
 
 namespace health {
 
@@ -17,8 +20,8 @@ struct UsageLine {
     PyObject* action;  // borrowed from the key, as are the next two
     PyObject* outcome;
     PyObject* alias_hit;
-    py::Ref key;     // of `key_tuple`
-    py::Ref record;  // of an entry whose numbers are not plain; else empty, and these hold:
+    PyObject* record;  // of an entry whose numbers are not plain, borrowed; else nullptr, and the last three hold them
+    py::Ref kept;      // the key, or a tuple of the key and the record
     long calls = 0;
     bool is_timed = false;
     double average_ms = 0.0;
@@ -26,18 +29,29 @@ struct UsageLine {
 
 using UsageLines = py::RefVector<UsageLine>;
 
-/// Reads an entry of `_usage`; `key` is of `key_tuple`. Runs no Python code.
-UsageLine read_line(const Module& module, py::Ref key, py::Ref record);
+/// Reads an entry of `_usage`; `key` is of `key_tuple`. Runs no Python code; throws a MemoryError.
+UsageLine read_line(const Context& context, py::Ref key, PyObject* record);
 
-/// The rows of one tool in their order: a new list. Asks `is_slow_call` for each.
-py::Ref make_rows(const Module& module, PyObject* tool_name, const UsageLines& lines);
+/// A dictionary with these keys in their order, and False under each. A copy of it, filled in, costs less than a
+/// dictionary that grows key by key. Runs no Python code; throws a MemoryError.
+py::Ref make_template(const Context& context, std::span<const Name> keys);
+/// The same for usage rows.
+py::Ref make_row_template(const Context& context);
 
-/// Reads a number that a native key can hold; false for any other, and for nullptr.
-bool read_plain(PyObject* number, long& value);
+/// The rows of one tool in their order: a new list. Asks `is_slow_call` for each. Runs Python code, and throws what it
+/// raises.
+py::Ref make_rows(const Context& context, PyObject* tool_name, const UsageLines& lines, PyObject* row_template);
 
-/// `mapping[name] = value`, in a dictionary that is being made.
-inline void put(const Module& module, PyObject* mapping, Name name, PyObject* value) {
-    py::check(PyDict_SetItem(mapping, module[name], value));
+/// The tuples that `key_of(place)` makes of so many places, in the runtime's order, which may run Python code and
+/// raise: a new list that is hidden.
+template <class KeyOf>
+py::Ref sorted_keys(std::size_t count, KeyOf&& key_of) {
+    py::Ref keys = py::hidden(PyList_New(0));
+    for (std::size_t place = 0; place < count; ++place) {
+        py::check(PyList_Append(keys.get(), key_of(place).get()));
+    }
+    py::check(PyList_Sort(keys.get()));
+    return keys;
 }
 
 }  // namespace health

@@ -1,0 +1,93 @@
+#include "health/python/original.hpp"
+
+#include <algorithm>
+
+#include "health/python/object.hpp"
+
+namespace health::py {
+
+void Original::remember(PyObject* object) {
+    *this = {};
+    if (object == nullptr) {
+        return;
+    }
+    if (PyType_Check(object)) {
+        auto* type = reinterpret_cast<PyTypeObject*>(object);
+        find_in_class(type, Ref::steal(PyUnicode_InternFromString("__init__")).get());  // which gives it a version
+        version_ = version_of(type);
+        Py_ssize_t position = 0;
+        PyObject* member = nullptr;
+        while (type->tp_dict != nullptr && PyDict_Next(type->tp_dict, &position, nullptr, &member) != 0) {
+            if (PyFunction_Check(member)) {
+                remember_function(member);
+            }
+        }
+    } else if (PyFunction_Check(object)) {
+        remember_function(object);
+    } else {
+        kept_ = Ref::borrow(object);
+    }
+    if (PyCFunction_CheckExact(object)) {
+        native_ = PyCFunction_GET_FUNCTION(object);
+    } else if (PyModule_CheckExact(object)) {
+        version_ = version_of(PyModule_GetDict(object));
+    }
+    object_ = object;
+}
+
+void Original::remember_function(PyObject* function) {
+    PyObject* keyword_defaults = PyFunction_GET_KW_DEFAULTS(function);
+    functions_.push_back({.function = function,
+                          .code = Ref::borrow(PyFunction_GET_CODE(function)),
+                          .defaults = Ref::borrow_optional(PyFunction_GET_DEFAULTS(function)),
+                          .keyword_defaults = Ref::borrow_optional(keyword_defaults),
+                          .keyword_version = keyword_defaults == nullptr ? 0 : version_of(keyword_defaults)});
+}
+
+bool Original::is_same(const Function& function) {
+    PyObject* keyword_defaults = PyFunction_GET_KW_DEFAULTS(function.function);
+    return PyFunction_GET_CODE(function.function) == function.code.get() &&
+           PyFunction_GET_DEFAULTS(function.function) == function.defaults.get() &&
+           keyword_defaults == function.keyword_defaults.get() &&
+           (keyword_defaults == nullptr || version_of(keyword_defaults) == function.keyword_version);
+}
+
+bool Original::is(PyObject* object) const {
+    if (object == nullptr || object != object_) {
+        return false;
+    }
+    if (PyCFunction_CheckExact(object)) {
+        return PyCFunction_GET_FUNCTION(object) == native_;
+    }
+    if (PyModule_Check(object)) {
+        return PyModule_CheckExact(object) && version_of(PyModule_GetDict(object)) == version_;
+    }
+    if (PyType_Check(object)) {
+        const auto* type = reinterpret_cast<PyTypeObject*>(object);
+        if (version_ == 0 || version_of(type) != version_ || !Py_IS_TYPE(object, &PyType_Type)) {
+            return false;
+        }
+    }
+    return std::ranges::all_of(functions_, is_same);
+}
+
+void ModuleFunction::remember(PyObject* module, PyObject* name) {
+    if (module == nullptr || !PyModule_CheckExact(module)) {
+        return;
+    }
+    module_ = Ref::borrow(module);
+    name_ = Ref::borrow(name);
+    members_ = PyModule_GetDict(module);
+    find();
+    const bool is_own = function_ != nullptr && PyCFunction_CheckExact(function_) &&
+                        PyCFunction_GET_FLAGS(function_) == METH_NOARGS &&
+                        is_in_library_of(module, PyCFunction_GET_FUNCTION(function_));
+    original_.remember(is_own ? function_ : nullptr);
+}
+
+void ModuleFunction::find() {
+    function_ = has_text_keys(members_) ? py::find(members_, name_.get()) : nullptr;
+    version_ = version_of(members_);
+}
+
+}  // namespace health::py
