@@ -4,6 +4,7 @@ import itertools
 import json
 import os
 import re
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -12,11 +13,12 @@ from pathlib import Path
 from types import SimpleNamespace
 from unittest import mock
 
+from quorl_dendra.repository import Repository
 from support import FakeDatabase, health
 
 SOURCES, BUILD = Path(os.environ["HEALTH_SOURCE_DIR"]), Path(os.environ["HEALTH_BUILD_DIR"])
-NAMES = "README.md", "CONTRIBUTING.md", "ARCHITECTURE.md", "docs/embedding.md"
-DOCUMENTS = {name: (SOURCES / name).read_text() for name in NAMES}
+PATHS = *SOURCES.glob("*.md"), *SOURCES.glob("docs/*.md")
+DOCUMENTS = {str(path.relative_to(SOURCES)): path.read_text() for path in PATHS}
 # Not run: what builds or tests the whole tree (that it exists is checked), and what another test runs.
 DRY = {"make": "make -n", "ctest": "ctest -N", "scripts/build": "test -x scripts/build #", "pip install": "#"}
 DRY['(.*)"[$].scripts/find-python."'] = r"\1python3.12"  # which loads what a sanitizer build needs
@@ -39,7 +41,9 @@ class Documents(unittest.TestCase):
         for folder in ("build", "bin"):
             (self.top / folder).mkdir()
         for preset in ("release", "debug"):
-            (self.top / "build" / preset).symlink_to(BUILD)
+            (self.top / "build" / preset).mkdir()
+            for path in set(BUILD.iterdir()) - {BUILD / "Testing"}:  # a ctest has its log here, not this run's
+                (self.top / "build" / preset / path.name).symlink_to(path)
         python = self.top / "bin/python3.12"
         python.write_text(f'#!/bin/sh\nLD_PRELOAD={PRELOAD} exec "$PYTHON" "$@"\n')
         python.chmod(0o755)
@@ -61,6 +65,13 @@ class Documents(unittest.TestCase):
                 if not (PRELOAD and "check-symbols" in command):
                     done = self.run_there(command)
                     self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
+        self.assertFalse((self.top / "build/daemon/standalone").exists(), "copied into the copy")
+
+    def test_demonstration(self) -> None:
+        """It ends with an error where something is not as it tells."""
+        done = self.run_there("build/release/python -X dev -W error -m quorl_dendra.demo --calls 9 --threads 2")
+        self.assertEqual((done.returncode, done.stderr), (0, ""))
+        self.assertIn("a new process finds the 40 flushed calls", done.stdout)
 
     def test_an_installation_adds_two_files_to_a_daemon(self) -> None:
         def files() -> dict[Path, bytes]:
@@ -83,6 +94,37 @@ class Documents(unittest.TestCase):
                         (self.top / "program.py").write_text(program)
                         done = self.run_there(" && ".join(["build/release/python -X dev -W error program.py"] * 2))
                         self.assertEqual((done.stdout, done.stderr), (result * 2, ""))
+
+    def test_statements(self) -> None:
+        """In the tables that README creates, the counts of all tools are cleared, or those of one."""
+        names = "README.md", "docs/operating.md"
+        create, clear, clear_one = [text for name in names for language, text in blocks(name) if language == "sql"]
+        for statements, left in (clear, set()), (clear_one, {"search"}):
+            with self.subTest(statements), Repository(":memory:") as repository:
+                database = repository.db._connection
+                database.executescript("DROP TABLE tool_health; DROP TABLE schema_info;" + create)
+                tracker = health.ToolHealthTracker(repository)
+                for tool in "fetch", "search":
+                    tracker.record_success(tool)
+                    tracker.record_call(tool, None, "ok", alias_hit=True, duration_ms=1.5)
+                    tracker.flush()
+                database.executescript(statements)
+                kept = health.ToolHealthTracker(repository)
+                self.assertEqual(({*kept._state}, {key[0] for key in kept._usage}), (left, left))
+
+    def test_nothing_is_installed_in_vain(self) -> None:
+        """What is missing is named, and apt-get is not started, where that cannot help or is forbidden."""
+        for program in ("bash", "cat", "dirname", "head", "id", "make"):
+            (self.top / "bin" / program).symlink_to(shutil.which(program))
+        (self.top / "bin/apt-get").write_text("#!/bin/bash\n: >started\n")
+        (self.top / "bin/apt-get").chmod(0o755)
+        for command, told in (
+            ("CXX='nosuch -g' scripts/bootstrap", "CXX=nosuch -g will not do: there is no program nosuch"),
+            ("CXX='bash -g' BOOTSTRAP=no scripts/bootstrap", "cmake (Debian and Ubuntu: cmake)"),
+        ):
+            done = self.run_there(f"PATH={self.top}/bin; {command}")
+            self.assertIn(told, done.stderr)
+            self.assertEqual((done.returncode, (self.top / "started").exists()), (1, False))
 
     def test_names(self) -> None:
         """Every test, target and file that a document names exists."""
