@@ -8,12 +8,14 @@ import shutil
 import subprocess
 import sys
 import tempfile
+import threading
 import unittest
 from pathlib import Path
 from types import SimpleNamespace
 from unittest import mock
 
-from quorl_dendra.repository import Repository
+from quorl_dendra.config import ToolsConfig
+from quorl_dendra.daemon import Daemon
 from support import FakeDatabase, health
 
 SOURCES, BUILD = Path(os.environ["HEALTH_SOURCE_DIR"]), Path(os.environ["HEALTH_BUILD_DIR"])
@@ -95,36 +97,23 @@ class Documents(unittest.TestCase):
                         done = self.run_there(" && ".join(["build/release/python -X dev -W error program.py"] * 2))
                         self.assertEqual((done.stdout, done.stderr), (result * 2, ""))
 
-    def test_statements(self) -> None:
-        """In the tables that README creates, the counts of all tools are cleared, or those of one."""
-        names = "README.md", "docs/operating.md"
-        create, clear, clear_one = [text for name in names for language, text in blocks(name) if language == "sql"]
-        for statements, left in (clear, set()), (clear_one, {"search"}):
-            with self.subTest(statements), Repository(":memory:") as repository:
-                database = repository.db._connection
-                database.executescript("DROP TABLE tool_health; DROP TABLE schema_info;" + create)
-                tracker = health.ToolHealthTracker(repository)
-                for tool in "fetch", "search":
-                    tracker.record_success(tool)
-                    tracker.record_call(tool, None, "ok", alias_hit=True, duration_ms=1.5)
-                    tracker.flush()
-                database.executescript(statements)
-                kept = health.ToolHealthTracker(repository)
-                self.assertEqual(({*kept._state}, {key[0] for key in kept._usage}), (left, left))
-
-    def test_nothing_is_installed_in_vain(self) -> None:
-        """What is missing is named, and apt-get is not started, where that cannot help or is forbidden."""
-        for program in ("bash", "cat", "dirname", "head", "id", "make"):
-            (self.top / "bin" / program).symlink_to(shutil.which(program))
-        (self.top / "bin/apt-get").write_text("#!/bin/bash\n: >started\n")
-        (self.top / "bin/apt-get").chmod(0o755)
-        for command, told in (
-            ("CXX='nosuch -g' scripts/bootstrap", "CXX=nosuch -g will not do: there is no program nosuch"),
-            ("CXX='bash -g' BOOTSTRAP=no scripts/bootstrap", "cmake (Debian and Ubuntu: cmake)"),
+    def test_the_stand_in_flushes_again_after_any_error(self) -> None:
+        flushed, given = threading.Event(), {"threads": 1, "thread_budget": 9, "flush_every_s": 0.01}
+        with (
+            Daemon(self.top / "db", self.top, ToolsConfig(), on_flush=lambda rows: flushed.set(), **given) as daemon,
+            mock.patch.object(daemon.tracker, "flush", side_effect=[RuntimeError("odd"), 1]),
+            self.assertLogs("quorl_dendra.daemon"),
         ):
-            done = self.run_there(f"PATH={self.top}/bin; {command}")
-            self.assertIn(told, done.stderr)
-            self.assertEqual((done.returncode, (self.top / "started").exists()), (1, False))
+            daemon.tracker.record_success("fetch")
+            self.assertTrue(flushed.wait(60))
+
+    def test_what_is_missing_is_named(self) -> None:
+        """And nothing else is tried where that is no use, or forbidden."""
+        for program in "bash", "dirname", "head", "make":
+            (self.top / "bin" / program).symlink_to(shutil.which(program))
+        told = {"CXX='nosuch -g'": "there is no program nosuch", "CXX='bash -g' BOOTSTRAP=no": "BOOTSTRAP=no forbids"}
+        for setting, reason in told.items():
+            self.assertIn(reason, self.run_there(f"PATH={self.top}/bin {setting} scripts/bootstrap").stderr)
 
     def test_names(self) -> None:
         """Every test, target and file that a document names exists."""
