@@ -40,13 +40,12 @@ class Documents(unittest.TestCase):
         for path in SOURCES.iterdir():
             if path.name not in ("build", ".git"):
                 (self.top / path.name).symlink_to(path)
-        for folder in ("build", "bin"):
-            (self.top / folder).mkdir()
-        for preset in ("release", "debug"):
-            (self.top / "build" / preset).mkdir()
-            for path in set(BUILD.iterdir()) - {BUILD / "Testing"}:  # a ctest has its log here, not this run's
+        for preset, path in itertools.product(("release", "debug"), BUILD.iterdir()):
+            (self.top / "build" / preset).mkdir(parents=True, exist_ok=True)
+            if path.name != "Testing":  # a ctest has its log here, and leaves that of this run alone
                 (self.top / "build" / preset / path.name).symlink_to(path)
         python = self.top / "bin/python3.12"
+        python.parent.mkdir()
         python.write_text(f'#!/bin/sh\nLD_PRELOAD={PRELOAD} exec "$PYTHON" "$@"\n')
         python.chmod(0o755)
         unwanted = ("LD_PRELOAD", "MAKEFLAGS", "MFLAGS", "MAKELEVEL", "PYTHONPATH")
@@ -55,8 +54,8 @@ class Documents(unittest.TestCase):
         self.run_there(NEW_DAEMON)
 
     def run_there(self, command: str) -> subprocess.CompletedProcess[str]:
-        kept = {"capture_output": True, "text": True, "env": self.variables}
-        return subprocess.run(["bash", "-ec", command], cwd=self.top, timeout=60, **kept)
+        kept = {"capture_output": True, "text": True, "env": self.variables, "timeout": 300}
+        return subprocess.run(["bash", "-ec", command], cwd=self.top, **kept)
 
     def test_commands(self) -> None:
         commands = [text for name in DOCUMENTS for language, text in blocks(name) if language == "sh"]
@@ -83,8 +82,8 @@ class Documents(unittest.TestCase):
         before = files()
         self.run_there("cmake --install build/release --prefix build/daemon")
         after = files()
-        folder = Path("quorl_dendra/tool_handlers")
-        self.assertEqual(after.keys() - before.keys(), {folder / Path(health.__file__).name, folder / "health.pyi"})
+        added = {Path("quorl_dendra/tool_handlers", name) for name in (Path(health.__file__).name, "health.pyi")}
+        self.assertEqual(after.keys() - before.keys(), added)
         self.assertEqual(before, {path: after[path] for path in before})
 
     def test_programs(self) -> None:
@@ -99,16 +98,13 @@ class Documents(unittest.TestCase):
 
     def test_the_stand_in_flushes_again_after_any_error(self) -> None:
         flushed, given = threading.Event(), {"threads": 1, "thread_budget": 9, "flush_every_s": 0.01}
-        with (
-            Daemon(self.top / "db", self.top, ToolsConfig(), on_flush=lambda rows: flushed.set(), **given) as daemon,
-            mock.patch.object(daemon.tracker, "flush", side_effect=[RuntimeError("odd"), 1]),
-            self.assertLogs("quorl_dendra.daemon"),
-        ):
-            daemon.tracker.record_success("fetch")
-            self.assertTrue(flushed.wait(60))
+        with Daemon(self.top / "db", self.top, ToolsConfig(), on_flush=lambda rows: flushed.set(), **given) as daemon:
+            failing = mock.patch.object(daemon.tracker, "flush", side_effect=[RuntimeError("odd"), 1])
+            with failing, self.assertLogs("quorl_dendra.daemon"):
+                daemon.tracker.record_success("fetch")
+                self.assertTrue(flushed.wait(60))
 
     def test_what_is_missing_is_named(self) -> None:
-        """And nothing else is tried where that is no use, or forbidden."""
         for program in "bash", "dirname", "head", "make":
             (self.top / "bin" / program).symlink_to(shutil.which(program))
         told = {"CXX='nosuch -g'": "there is no program nosuch", "CXX='bash -g' BOOTSTRAP=no": "BOOTSTRAP=no forbids"}
