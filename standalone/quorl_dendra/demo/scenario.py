@@ -134,7 +134,8 @@ class Story:
             made = _run_until_killed("work", file)
             tell(f"a process disables fetch, counts {made['flushed']} calls and flushes")
             tell(f"it counts {made['unsaved']} more, and is killed (kill -9)", RED)
-            found = subprocess.run([*_OTHER_PROCESS, "look", file], stdout=PIPE, check=False)
+            look = [*_OTHER_PROCESS, "look", file]
+            found = subprocess.run(look, stdout=PIPE, start_new_session=True, check=False)
         kept = json.loads(found.stdout or "null")
         if kept != {"calls": made["flushed"], "error": made["error"]}:
             raise StoryError(f"after the kill, {kept} was found of {made}")
