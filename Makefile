@@ -14,7 +14,7 @@ help: ## list the targets
 	@sed -n 's/^\([a-z]*\):.*## /\1\t/p' Makefile | expand -t 12
 
 .PHONY: build
-build: ## build the release; the importable tree is then build/release/package
+build: ## build the release in build/release/package, an importable tree (BOOTSTRAP=no installs no tools)
 	@scripts/bootstrap
 	@scripts/build release
 

@@ -1,6 +1,7 @@
 """Measure the module against the same module in plain Python, and print a table.
 
-Both run in one process and one run, in turn. A row shows one round, whose ratio is the median.
+Both run in one process and one run, in turn. A row shows one round, whose ratio is the median; where
+the rounds' ratios lie far apart, it shows their range instead.
 The floor of an operation is an empty native method, called with the same arguments, and time.time()
 where the operation reads the clock. The column is empty where there is no such method or none is
 built.
@@ -25,7 +26,9 @@ from rows import FULL, KEYS_PER_TOOL, QUICK, SCALING_KEYS, TOOLS, Bench
 
 TABLE = "{:<49} {:>9} {:>9} {:>7} {:>8} {:>8}"
 LEGEND = f"""
-ratio: baseline / module of the median round, whose times are shown; floor: an empty native call
+ratio: baseline / module of the median round, whose times are shown; a range where the rounds differ by over half
+floor: an empty native call with the same arguments, and time.time() where the operation reads the clock
+x floor: module / floor
 {TOOLS} x {KEYS_PER_TOOL}: {TOOLS} tools with {KEYS_PER_TOOL} usage keys each
 beside work: while another thread flushes and summarises {TOOLS} x {KEYS_PER_TOOL} in a loop
 baseline grouped: the summary's usage rows made in one pass in Python too"""
@@ -44,10 +47,18 @@ def _quantity(value: float | None, unit: str) -> str:
     return f"{value:.0f} ns" if value >= 100 else f"{value:.1f} ns"
 
 
+def _ratio(row: dict[str, Any]) -> str:
+    """The median round's ratio, or the range of all rounds where one number would mislead."""
+    least, most = min(row["ratios"]), max(row["ratios"])
+    if most <= 1.5 * least:
+        return f"{row['ratio']:.2f}"
+    return "-".join(f"{ratio:.0f}" if least >= 10 else f"{ratio:.1f}" for ratio in (least, most))
+
+
 def _print_row(row: dict[str, Any]) -> None:
     cells = [_quantity(row[column], row["unit"]) for column in ("baseline", "module", "floor")]
     over = "" if row["over_floor"] is None else f"{row['over_floor']:.2f}"
-    line = TABLE.format(row["work"], cells[0], cells[1], f"{row['ratio']:.2f}", cells[2], over)
+    line = TABLE.format(row["work"], cells[0], cells[1], _ratio(row), cells[2], over)
     print(line.rstrip(), flush=True)
 
 
@@ -119,7 +130,10 @@ def main() -> None:
     if show:
         print(LEGEND)
     if options.json:
-        text = json.dumps({"machine": machine, "rows": rows, "scaling": points}, indent=1) + "\n"
+        # Only the numbers of a full run against the module are fit to be drawn (plot.py).
+        full = not (options.quick or options.self)
+        result = {"full": full, "machine": machine, "rows": rows, "scaling": points}
+        text = json.dumps(result, indent=1) + "\n"
         if show:
             Path(options.json).write_text(text)
         else:

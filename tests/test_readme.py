@@ -4,19 +4,23 @@ import itertools
 import json
 import os
 import re
+import shutil
 import subprocess
 import sys
 import tempfile
+import threading
 import unittest
 from pathlib import Path
 from types import SimpleNamespace
 from unittest import mock
 
+from quorl_dendra.config import ToolsConfig
+from quorl_dendra.daemon import Daemon
 from support import FakeDatabase, health
 
 SOURCES, BUILD = Path(os.environ["HEALTH_SOURCE_DIR"]), Path(os.environ["HEALTH_BUILD_DIR"])
-NAMES = "README.md", "CONTRIBUTING.md", "ARCHITECTURE.md", "docs/embedding.md"
-DOCUMENTS = {name: (SOURCES / name).read_text() for name in NAMES}
+PATHS = *SOURCES.glob("*.md"), *SOURCES.glob("docs/*.md")
+DOCUMENTS = {str(path.relative_to(SOURCES)): path.read_text() for path in PATHS}
 # Not run: what builds or tests the whole tree (that it exists is checked), and what another test runs.
 DRY = {"make": "make -n", "ctest": "ctest -N", "scripts/build": "test -x scripts/build #", "pip install": "#"}
 DRY['(.*)"[$].scripts/find-python."'] = r"\1python3.12"  # which loads what a sanitizer build needs
@@ -36,11 +40,12 @@ class Documents(unittest.TestCase):
         for path in SOURCES.iterdir():
             if path.name not in ("build", ".git"):
                 (self.top / path.name).symlink_to(path)
-        for folder in ("build", "bin"):
-            (self.top / folder).mkdir()
-        for preset in ("release", "debug"):
-            (self.top / "build" / preset).symlink_to(BUILD)
+        for preset, path in itertools.product(("release", "debug"), BUILD.iterdir()):
+            (self.top / "build" / preset).mkdir(parents=True, exist_ok=True)
+            if path.name != "Testing":  # a ctest has its log here, and leaves that of this run alone
+                (self.top / "build" / preset / path.name).symlink_to(path)
         python = self.top / "bin/python3.12"
+        python.parent.mkdir()
         python.write_text(f'#!/bin/sh\nLD_PRELOAD={PRELOAD} exec "$PYTHON" "$@"\n')
         python.chmod(0o755)
         unwanted = ("LD_PRELOAD", "MAKEFLAGS", "MFLAGS", "MAKELEVEL", "PYTHONPATH")
@@ -49,8 +54,8 @@ class Documents(unittest.TestCase):
         self.run_there(NEW_DAEMON)
 
     def run_there(self, command: str) -> subprocess.CompletedProcess[str]:
-        kept = {"capture_output": True, "text": True, "env": self.variables}
-        return subprocess.run(["bash", "-ec", command], cwd=self.top, timeout=60, **kept)
+        kept = {"capture_output": True, "text": True, "env": self.variables, "timeout": 300}
+        return subprocess.run(["bash", "-ec", command], cwd=self.top, **kept)
 
     def test_commands(self) -> None:
         commands = [text for name in DOCUMENTS for language, text in blocks(name) if language == "sh"]
@@ -61,6 +66,13 @@ class Documents(unittest.TestCase):
                 if not (PRELOAD and "check-symbols" in command):
                     done = self.run_there(command)
                     self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
+        self.assertFalse((self.top / "build/daemon/standalone").exists(), "copied into the copy")
+
+    def test_demonstration(self) -> None:
+        """It ends with an error where something is not as it tells."""
+        done = self.run_there("build/release/python -X dev -W error -m quorl_dendra.demo --calls 9 --threads 2")
+        self.assertEqual((done.returncode, done.stderr), (0, ""))
+        self.assertIn("a new process finds the 40 flushed calls", done.stdout)
 
     def test_an_installation_adds_two_files_to_a_daemon(self) -> None:
         def files() -> dict[Path, bytes]:
@@ -70,8 +82,8 @@ class Documents(unittest.TestCase):
         before = files()
         self.run_there("cmake --install build/release --prefix build/daemon")
         after = files()
-        folder = Path("quorl_dendra/tool_handlers")
-        self.assertEqual(after.keys() - before.keys(), {folder / Path(health.__file__).name, folder / "health.pyi"})
+        added = {Path("quorl_dendra/tool_handlers", name) for name in (Path(health.__file__).name, "health.pyi")}
+        self.assertEqual(after.keys() - before.keys(), added)
         self.assertEqual(before, {path: after[path] for path in before})
 
     def test_programs(self) -> None:
@@ -83,6 +95,21 @@ class Documents(unittest.TestCase):
                         (self.top / "program.py").write_text(program)
                         done = self.run_there(" && ".join(["build/release/python -X dev -W error program.py"] * 2))
                         self.assertEqual((done.stdout, done.stderr), (result * 2, ""))
+
+    def test_the_stand_in_flushes_again_after_any_error(self) -> None:
+        flushed, given = threading.Event(), {"threads": 1, "thread_budget": 9, "flush_every_s": 0.01}
+        with Daemon(self.top / "db", self.top, ToolsConfig(), on_flush=lambda rows: flushed.set(), **given) as daemon:
+            failing = mock.patch.object(daemon.tracker, "flush", side_effect=[RuntimeError("odd"), 1])
+            with failing, self.assertLogs("quorl_dendra.daemon"):
+                daemon.tracker.record_success("fetch")
+                self.assertTrue(flushed.wait(60))
+
+    def test_what_is_missing_is_named(self) -> None:
+        for program in "bash", "dirname", "head", "make":
+            (self.top / "bin" / program).symlink_to(shutil.which(program))
+        told = {"CXX='nosuch -g'": "there is no program nosuch", "CXX='bash -g' BOOTSTRAP=no": "BOOTSTRAP=no forbids"}
+        for setting, reason in told.items():
+            self.assertIn(reason, self.run_there(f"PATH={self.top}/bin {setting} scripts/bootstrap").stderr)
 
     def test_names(self) -> None:
         """Every test, target and file that a document names exists."""

@@ -5,7 +5,7 @@ begins to allow one of these shows.
 """
 
 from collections.abc import Sequence
-from typing import TYPE_CHECKING, Any
+from typing import TYPE_CHECKING, Any, cast
 
 from quorl_dendra.config import ToolsConfig
 from quorl_dendra.tool_handlers import health
@@ -86,5 +86,5 @@ def refuse(tracker: ToolHealthTracker, repository: "Repository", record: "Health
     health.thread_census_report()  # pyright: ignore[reportCallIssue]
     health.thread_census_report("many")  # pyright: ignore[reportArgumentType]
     health.thread_census_report(4, {"os_threads": 5})  # pyright: ignore[reportArgumentType]
-    threads: ThreadCensusReport = health.thread_census_report(4, ThreadCensus(None, 5, {}))
+    threads = cast("ThreadCensusReport", health.thread_census_report(4, ThreadCensus(None, 5, {})))
     print(performance, threads["warning"])  # pyright: ignore[reportTypedDictNotRequiredAccess]

@@ -6,7 +6,7 @@ Strict type checkers must accept this file, and it runs.
 import sqlite3
 from collections.abc import Callable, Sequence
 from dataclasses import dataclass
-from typing import TYPE_CHECKING, assert_type
+from typing import TYPE_CHECKING, Any, assert_type, cast
 
 from quorl_dendra.config import ToolsConfig
 from quorl_dendra.tool_handlers import health
@@ -71,7 +71,7 @@ class LazyRepository:
 
 
 class LoudTracker(ToolHealthTracker):
-    """Overrides are heard: ``flush`` and the summary call the tracker's methods through the object."""
+    """Overrides take effect: ``flush`` and the summary call the tracker's methods through the object."""
 
     def record_error(self, tool_name: str, error: str) -> None:
         super().record_error(tool_name, error.upper())
@@ -80,7 +80,21 @@ class LoudTracker(ToolHealthTracker):
         return super().flush()
 
 
+def health_summary(tracker: ToolHealthTracker) -> list[dict[str, Any]]:
+    """A daemon's functions may pass the reports on as the plain dictionaries that they are."""
+    return tracker.get_health_summary()
+
+
+def performance_stats() -> dict[str, Any]:
+    return health.handle_get_tool_performance_stats()
+
+
+def threads(budget: int) -> dict[str, Any]:
+    return health.thread_census_report(budget, ThreadCensus(None, 5, {"worker": 5}))
+
+
 def use_tracker(tracker: ToolHealthTracker) -> "list[HealthRecord]":
+    """Or name what is in them."""
     assert_type(tracker.limits, ToolsConfig)
     assert_type(tracker.cooldown_s, float)
     disabled, last_error = tracker.is_disabled("search")
@@ -92,7 +106,7 @@ def use_tracker(tracker: ToolHealthTracker) -> "list[HealthRecord]":
     tracker.record_call("fetch", None, outcome="error", alias_hit=True, duration_ms=None)
     if tracker.has_unsaved_changes:
         assert_type(tracker.flush(), int)
-    return tracker.get_health_summary()
+    return cast("list[HealthRecord]", health_summary(tracker))
 
 
 def describe(record: "HealthRecord") -> str:
@@ -136,10 +150,12 @@ def main() -> None:
     records = use_tracker(LoudTracker(own, limits=ToolsConfig(1, 5.0)))
     print([mean_ms(row) for record in records for row in record["usage"]])
     print(own.db.fetchone("SELECT value FROM schema_info WHERE key = ?", (health.TOOL_USAGE_KEY,)))
-    report: PerformanceReport = health.handle_get_tool_performance_stats()
+    rows: list[UsageRow] = health_summary(LoudTracker(own))[0]["usage"]
+    print(len(rows))
+    report = cast("PerformanceReport", performance_stats())
     print(slowest(report["tools"]))
-    print(warning_of(health.thread_census_report(1000)))
-    print(warning_of(health.thread_census_report(budget=4, census=ThreadCensus(None, 5, {"worker": 5}))))
+    print(warning_of(cast("ThreadCensusReport", health.thread_census_report(budget=1000))))
+    print(warning_of(cast("ThreadCensusReport", threads(4))))
     replace_names()
     health.logger.info("done: %r", database)
     for done in (database, own.db, *(repository.db for repository in repositories)):

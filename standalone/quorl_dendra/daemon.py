@@ -22,7 +22,7 @@ ToolCall = tuple[str, Mapping[str, Any]]  # the tool's name, and its arguments
 class Daemon:
     """A context manager: leaving it ends its threads, writes what is unsaved, and closes the file.
 
-    ``on_flush`` hears of every write, on the thread that made it, with the number of rows.
+    ``on_flush`` is called after every write, on the thread that made it, with the number of rows.
     Opening and leaving block, and raise ``sqlite3.Error`` for a database that cannot be used.
     """
 
@@ -72,8 +72,8 @@ class Daemon:
         while not self._ending.wait(self._flush_every_s):
             try:
                 self.flush()
-            except sqlite3.Error as error:  # nothing is lost: the next flush writes it
-                logger.warning("Could not write the tool health: %s", error)
+            except Exception as error:  # of any kind: this thread must go on
+                logger.warning("Could not write the tool health: %r", error)
 
     def __enter__(self) -> Self:
         self._flusher.start()

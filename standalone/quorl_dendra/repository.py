@@ -50,7 +50,8 @@ class Database:
     def fetchone(self, sql: str, params: Sequence[Any] = ()) -> tuple[Any, ...] | None:
         """The first row of the result, or None."""
         with self._lock:
-            return self._connection.execute(sql, params).fetchone()
+            row: tuple[Any, ...] | None = self._connection.execute(sql, params).fetchone()
+        return row
 
     def execute(self, sql: str, params: Sequence[Any] = ()) -> None:
         """Run and commit one statement."""

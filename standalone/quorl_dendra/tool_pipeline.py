@@ -1,4 +1,4 @@
-"""The way of one tool call: put its names right, ask the tracker, run the handler, report."""
+"""Life of a tool call: resolve its names, ask the tracker, run the handler, report."""
 
 import enum
 import time

@@ -65,9 +65,10 @@ class Toolbox:
         """The page's text; OSError when there is none."""
         try:
             with _direct.open(url, timeout=_FETCH_TIMEOUT_S) as page:
-                return page.read(_BYTES_READ).decode(errors="replace")
+                body: bytes = page.read(_BYTES_READ)
         except URLError as error:
             raise OSError(str(error.reason)) from error  # without the wrapper's angle brackets
+        return body.decode(errors="replace")
 
     def status(self, action: str) -> Any:
         """The tracker's health summary (``perf_stats``), or the census of ``threads``."""
@@ -99,7 +100,7 @@ def _files(root: Path) -> Iterator[Path]:
 
 
 def _text(path: Path) -> str:
-    """The beginning of a file as text; empty for one that cannot be read (any more)."""
+    """The beginning of a file as text; empty for one that cannot be read."""
     try:
         with path.open(encoding="utf-8", errors="replace") as file:
             return file.read(_BYTES_READ)

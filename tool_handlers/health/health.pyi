@@ -36,7 +36,9 @@ _TOOL_HEALTH_COLUMNS: str = "tool_name, call_count, error_count, last_error, dis
 TOOL_USAGE_KEY: str = "tool_usage"
 _UsageKey: TypeAlias = tuple[str, str | None, str, bool]
 
-# For type checkers only: import these under `if TYPE_CHECKING:`, the module does not have them when it runs.
+# For type checkers only: import these under `if TYPE_CHECKING:`, the module does not have them when it runs. The results
+# are annotated as the module annotates them, `dict[str, Any]`; the TypedDicts name what is in them:
+# `cast("list[HealthRecord]", tracker.get_health_summary())`, or `row: "UsageRow" = record["usage"][0]`.
 
 @type_check_only
 class Database(Protocol):
@@ -197,10 +199,13 @@ class ToolHealthTracker:
     def cooldown_s(self) -> float:
         """Seconds a disabled tool stays disabled."""
 
+    # `if tracker.is_disabled(name):` is always true: unpack the answer, `disabled, error = tracker.is_disabled(name)`.
+    # `error` is None for an enabled tool, else its last error: at most 500 characters, empty for an error without text,
+    # None where the stored history has none.
     def is_disabled(self, tool_name: str) -> tuple[bool, str | None]:
         """Check if a tool is currently disabled."""
 
-    def get_health_summary(self) -> list[HealthRecord]:
+    def get_health_summary(self) -> list[dict[str, Any]]:  # HealthRecord
         """Get health summary for all tracked tools.
 
         Returns:
@@ -209,7 +214,7 @@ class ToolHealthTracker:
             whether the action is slow by nature.
         """
 
-    def _usage_rows(self, tool_name: str) -> list[UsageRow]:
+    def _usage_rows(self, tool_name: str) -> list[dict[str, Any]]:  # UsageRow
         """A tool's usage counts as ``perf_stats`` shows them, most calls first (under the lock)."""
 
     @property
@@ -225,14 +230,14 @@ class ToolHealthTracker:
     def _flush_health(self) -> int:
         """Write the changed ``tool_health`` rows; how many were written."""
 
-def handle_get_tool_performance_stats() -> PerformanceReport:
+def handle_get_tool_performance_stats() -> dict[str, Any]:  # PerformanceReport
     """Handle get_tool_performance_stats tool.
 
     Returns:
         Performance metrics for all MCP tools.
     """
 
-def thread_census_report(budget: int, census: ThreadCensus | None = None) -> ThreadCensusReport:
+def thread_census_report(budget: int, census: ThreadCensus | None = None) -> dict[str, Any]:  # ThreadCensusReport
     """The process's threads for a status answer, measured against what its pools allow.
 
     ``os`` is the operating system's count (left out where the platform cannot count), ``python``

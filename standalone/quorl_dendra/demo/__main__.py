@@ -64,6 +64,7 @@ def _parse() -> argparse.Namespace:
     parser = argparse.ArgumentParser(
         prog="python -m quorl_dendra.demo",
         description="Show the tool health module at work in a stand-in for the daemon.",
+        epilog='From the top of the sources: make demo ARGS="--threads 8 --calls 500"',
     )
     option = parser.add_argument
     option("root", nargs="?", type=Path, default=Path(),

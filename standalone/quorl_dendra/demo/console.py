@@ -39,7 +39,7 @@ class Console:
         try:
             with self._lock:
                 print(_CLEAR_LINE * self._live + text, flush=True)
-        except BrokenPipeError:  # the main thread hears of it, now or with its next line
+        except BrokenPipeError:  # raised on the main thread, now or at its next line
             if threading.current_thread() is threading.main_thread():
                 raise
 

@@ -1,6 +1,11 @@
-"""The story: tools at work in threads, a tool that fails and comes back, and a restart."""
+"""The story: tools at work in threads, a tool that fails and comes back, a restart and a kill."""
 
+import json
+import signal
 import statistics
+import subprocess
+import sys
+import tempfile
 import threading
 import time
 from collections import Counter
@@ -8,6 +13,7 @@ from collections.abc import Generator
 from contextlib import contextmanager
 from itertools import cycle, islice
 from pathlib import Path
+from subprocess import PIPE
 from typing import Any
 
 from quorl_dendra.config import ToolsConfig
@@ -25,6 +31,7 @@ from quorl_dendra.tool_pipeline import Outcome
 _LIMITS = ToolsConfig(disable_after_errors=3, disable_cooldown_s=2.0)
 _OTHER_THREADS = 3  # besides the workers: the main thread, the flush thread, the page server
 _SPARE_THREADS = 2  # the operating system may still count a thread that is just ending
+_OTHER_PROCESS = [sys.executable, "-m", "quorl_dendra.demo.killed"]
 
 
 class StoryError(Exception):
@@ -60,7 +67,9 @@ class Story:
             self._console.tell("the daemon ends: its tracker is dropped, its database closed")
             with self._daemon() as daemon:
                 self._compare_and_go_on(daemon, kept)
-                return self._reports(daemon)
+                reports = self._reports(daemon)
+            self._kill()
+            return reports
         finally:
             self._page.stop()
 
@@ -70,19 +79,21 @@ class Story:
             f"You have seen {self._crew} make {self._calls_made} real tool calls, each one "
             f"counted: {self._calls_made - self._calls_refused} ran, {self._calls_refused} were "
             f"refused. You have seen fetch fail {_LIMITS.disable_after_errors} times in a row, be "
-            "refused with its last error, and recover after its cooldown; and a new tracker find "
-            f"every count again in {printable(self._database)}. Run this again, and the counts go "
-            "on from there."
+            "refused with its last error, and recover after its cooldown; a new tracker find every "
+            f"count again in {printable(self._database)}; and a killed process lose nothing but "
+            "what it had not flushed. Run this again, and the counts go on from there."
         )
 
     def _work_in_threads(self, daemon: Daemon, calls: int) -> None:
         self._console.say("1. Threads at work", BOLD)
         earlier = _calls_counted(daemon.tracker)
         self._console.tell(f"{earlier} calls counted so far in {printable(self._database)}")
-        if daemon.tracker.is_disabled("fetch")[0]:
+        disabled, _ = daemon.tracker.is_disabled("fetch")
+        if disabled:
             self._console.tell("fetch is still disabled by an earlier run: that is waited out")
             time.sleep(_LIMITS.disable_cooldown_s)
-            if daemon.tracker.is_disabled("fetch")[0]:
+            disabled, _ = daemon.tracker.is_disabled("fetch")
+            if disabled:
                 raise StoryError("fetch was disabled in the future; take another --db")
         self._make_calls(daemon, calls, fetch=True)
         counted = _calls_counted(daemon.tracker) - earlier
@@ -99,8 +110,8 @@ class Story:
         cooldown_over = time.time() + _LIMITS.disable_cooldown_s
         tell(f"fetch is refused, last error: {self._fetch(daemon, Outcome.DISABLED)}", RED)
         self._serve_page()
-        self._fetch(daemon, Outcome.DISABLED)
-        tell(f"the server is back; fetch waits for its {_LIMITS.disable_cooldown_s} s of cooldown")
+        tell(f"the server is back, but a cooldown takes {_LIMITS.disable_cooldown_s} s")
+        tell(f"fetch is refused, last error: {self._fetch(daemon, Outcome.DISABLED)}", RED)
         self._make_calls(daemon, 8 * self._threads)
         while (left := cooldown_over - time.time()) > 0:
             time.sleep(left)
@@ -113,6 +124,23 @@ class Story:
         counted = _calls_counted(daemon.tracker)
         self._console.tell(f"a new tracker reads the file: all {counted} calls are there", GREEN)
         self._make_calls(daemon, 4 * self._threads, fetch=True)
+
+    def _kill(self) -> None:
+        """Kill a process that has flushed most of its calls; see that a new one finds those."""
+        tell = self._console.tell
+        self._console.say("\n4. A kill", BOLD)
+        with tempfile.TemporaryDirectory() as folder:
+            file = str(Path(folder, "killed.sqlite3"))
+            made = _run_until_killed("work", file)
+            tell(f"a process disables fetch, counts {made['flushed']} calls and flushes")
+            tell(f"it counts {made['unsaved']} more, and is killed (kill -9)", RED)
+            look = [*_OTHER_PROCESS, "look", file]
+            found = subprocess.run(look, stdout=PIPE, start_new_session=True, check=False)
+        kept = json.loads(found.stdout or "null")
+        if kept != {"calls": made["flushed"], "error": made["error"]}:
+            raise StoryError(f"after the kill, {kept} was found of {made}")
+        tell(f"a new process finds the {kept['calls']} flushed calls, the others are lost", GREEN)
+        tell(f"fetch is still disabled, last error: {kept['error']}", GREEN)
 
     def _reports(self, daemon: Daemon) -> dict[str, Any]:
         """The reports and the tracker's own time; not by tool calls, which would count in them."""
@@ -212,6 +240,24 @@ def _tracker_us_per_call(rounds: int = 5000, repeats: int = 7) -> float:
     with Repository(":memory:") as repository:
         tracker = ToolHealthTracker(repository, _LIMITS)
         return statistics.median(one_repeat(tracker) for _ in range(repeats))
+
+
+def _run_until_killed(*arguments: str) -> dict[str, Any]:
+    """Start a process, kill it when it has printed its line of JSON; what that says."""
+    with subprocess.Popen(
+        [*_OTHER_PROCESS, *arguments],
+        stdin=PIPE,
+        stdout=PIPE,
+        start_new_session=True,  # Ctrl-C is not for it
+    ) as process:
+        try:
+            line = process.stdout.readline() if process.stdout else b""
+        finally:
+            process.kill()
+    if process.returncode != -signal.SIGKILL:
+        raise StoryError(f"the process to be killed ended with status {process.returncode}")
+    made: dict[str, Any] = json.loads(line)
+    return made
 
 
 @contextmanager

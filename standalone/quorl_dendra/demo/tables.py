@@ -36,6 +36,11 @@ def _show_health(console: Console, summary: list[dict[str, Any]]) -> None:
     console.say("\nHealth summary: every tool, most errors first", BOLD)
     titles = ("tool, actions", "outcome", "synonym", "calls", "errors", "avg ms", "")
     _show(console, titles, "<<<>>><", rows)
+    console.say_wrapped(
+        "A tool's own number counts the calls that ran; its rows count those that were refused, "
+        "too (disabled).",
+        DIM,
+    )
 
 
 def _show_performance(console: Console, tools: list[dict[str, Any]], tracker_us: float) -> None:
