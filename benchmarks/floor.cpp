@@ -1,5 +1,5 @@
-// `health_floor`: a class whose methods take the tracker's arguments and do nothing. What a call of a native method
-// costs is the least that a call of the tracker can cost. Built for the benchmark only.
+// `health_floor`: a class whose methods take the tracker's arguments and do nothing, and whose property is None. What a
+// call of a native method costs is the least that a call of the tracker can cost. Built for the benchmark only.
 #include <Python.h>
 
 namespace {
@@ -19,7 +19,12 @@ PyMethodDef methods[] = {method("is_disabled"),
                          method("record_call"),
                          {nullptr, nullptr, 0, nullptr}};
 
-PyType_Slot floor_slots[] = {{Py_tp_methods, methods}, {0, nullptr}};
+PyObject* nothing(PyObject* /*self*/, void* /*closure*/) { Py_RETURN_NONE; }
+
+PyGetSetDef properties[] = {{"has_unsaved_changes", nothing, nullptr, nullptr, nullptr},
+                            {nullptr, nullptr, nullptr, nullptr, nullptr}};
+
+PyType_Slot floor_slots[] = {{Py_tp_methods, methods}, {Py_tp_getset, properties}, {0, nullptr}};
 PyType_Spec floor_spec = {.name = "health_floor.Floor",
                           .basicsize = sizeof(PyObject),
                           .itemsize = 0,

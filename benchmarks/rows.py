@@ -126,6 +126,7 @@ class Bench:
             Row("record_call", partial(self._call, count)),
             Row("the three around one call", partial(self._call, around, reads_clock=True)),
             Row(f"the three, {THREADS} threads on one tool", partial(self._threads, around)),
+            Row("has_unsaved_changes", partial(self._call, "tracker.has_unsaved_changes")),
             Row(f"get_health_summary, {size}", partial(self._summary, self._plain)),
             Row(
                 f"get_health_summary, {size}, baseline grouped",
