@@ -54,8 +54,8 @@ private:
 class ModuleFunction {
 public:
     /// Remembers what `module`, which may be nullptr, has under an interned name, if that is native, takes no
-    /// arguments, and is the module's own: a library that freezes time puts a C function of its own in place. Runs no
-    /// Python code; throws a MemoryError.
+    /// arguments, and is the module's own: its first argument is the module, and its C function comes from the same
+    /// library (one that freezes time may have put its own in place). Runs no Python code; throws a MemoryError.
     void remember(PyObject* module, PyObject* name);
 
     /// Calls the function if `module`, which may be nullptr, is that module and still has it, unchanged; else empty.
