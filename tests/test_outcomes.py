@@ -1,10 +1,12 @@
-"""Recording outcomes and usage, and the disable rule with its cooldown."""
+"""Recording outcomes and usage, the disable rule with its cooldown, and the order of what is told of them."""
 
-import itertools
+from collections import deque
+from functools import partial
+from itertools import product
 from unittest import mock
 
-from harness import shown
-from support import TrackerTest, count
+from quorl_dendra.repository import Repository
+from support import PlainTest, TrackerTest, count
 
 # A tool's life: e an error (of the texts e1, e2, ...), s a success, ? the question whether it is
 # disabled, r a restart, after which the run of errors is forgotten, +9 or -9 seconds pass, N and C
@@ -19,6 +21,7 @@ DISABLE_RULE = {
     "e e e +60 ? +1 e e": ((5, 5, "e5", None, 61, 2), (False, None)),
     "e e e +5 e +59": ((4, 4, "e4", 5, 5, 4), (True, "e4")),
     "e e e +1 s": ((4, 3, "e3", None, 1, 0), (False, None)),
+    "+7 e e e r": ((3, 3, "e3", 7, 7, 0), (True, "e3")),
     "e e e r +5 e e": ((5, 5, "e5", 0, 5, 2), (True, "e5")),
     "e e e r +5 e e e +59": ((6, 6, "e6", 5, 5, 3), (True, "e6")),
     "e e e -10 +69": ((3, 3, "e3", 0, 0, 3), (True, "e3")),
@@ -29,12 +32,15 @@ DISABLE_RULE = {
     "C0 N0 e -1": ((1, 1, "e1", 0, 0, 1), (True, "e1")),
 }
 # fmt: on
+SETTINGS = {"N": "disable_after_errors", "C": "disable_cooldown_s"}
 
 
-class Outcomes(TrackerTest):
+class OutcomesTests:
     def play(self, script):
-        """A tracker after the script."""
-        tracker, errors = self.make(), 0
+        # A tracker after the script.
+        repository, errors = Repository(":memory:"), 0
+        self.addCleanup(repository.close)
+        tracker = self.module.ToolHealthTracker(repository)
         for token in script.split():
             match token[0]:
                 case "e":
@@ -45,26 +51,27 @@ class Outcomes(TrackerTest):
                 case "?":
                     tracker.is_disabled("a")
                 case "r":
-                    for state in tracker._state.values():
-                        state.consecutive_errors = 0
-                case "N":
-                    tracker.limits.disable_after_errors = float(token[1:])
-                case "C":
-                    tracker.limits.disable_cooldown_s = int(token[1:])
+                    tracker.flush()
+                    tracker = self.module.ToolHealthTracker(repository, tracker.limits)
+                case "N" | "C":
+                    setattr(tracker.limits, SETTINGS[token[0]], int(token[1:]))
                 case _:
                     self.clock.return_value += float(token)
         return tracker
 
     def test_the_disable_rule(self):
-        for (script, (record, answer)), is_native in itertools.product(DISABLE_RULE.items(), (False, True)):
+        for (script, (record, answer)), is_native in product(DISABLE_RULE.items(), (False, True)):
             with self.subTest(script, is_native=is_native):
                 self.clock.return_value = 0.0
                 tracker = self.play(script)
-                remembered = ([("a", record)], [], {"a"}, False) if record else ([], [], [], False)
-                self.assertEqual(shown(tracker), shown(remembered))
-                clock = float(self.clock.return_value).conjugate if is_native else self.clock
-                with mock.patch("time.time", clock):
+                self.assertEqual(tracker._state, {"a": self.module._ToolState(*record)} if record else {})
+                self.assertEqual(tracker._dirty, set(tracker._state) if script[-1:] != "r" else set())
+                self.assertEqual((tracker._usage, tracker._usage_dirty), ({}, False))
+                # The clock is read once, and only for a disabled tool.
+                times = deque([float(self.clock.return_value)])
+                with mock.patch("time.time", times.popleft if is_native else partial(deque.popleft, times)):
                     self.assertEqual(tracker.is_disabled("a"), answer)
+                self.assertEqual(len(times), not record or record[3] is None)
 
     def test_more_keys_than_the_cache_has_places(self):
         tracker = self.make()
@@ -72,3 +79,9 @@ class Outcomes(TrackerTest):
             for number in range(2000):
                 count(tracker, "a", "x", str(number))
         self.assertEqual({record.calls for record in tracker._usage.values()}, {3})
+
+
+class NativeOutcomes(OutcomesTests, TrackerTest): ...
+
+
+class PlainOutcomes(OutcomesTests, PlainTest): ...
