@@ -80,6 +80,21 @@ class OutcomesTests:
                 count(tracker, "a", "x", str(number))
         self.assertEqual({record.calls for record in tracker._usage.values()}, {3})
 
+    def test_what_ties_keeps_its_order(self):
+        """Tools with as many errors and calls; rows of no action and of one that is called None."""
+        tracker, numbers = self.make(), [f"{number:03}" for number in range(100)]
+        for number in reversed(numbers):
+            tracker.record_success(number)
+            count(tracker, f"more {number}")
+        inserted = [(action, number) for number in numbers for action in (None, "None")[:: (-1) ** int(number)]]
+        for action, outcome in inserted[::2] + inserted[1::2]:
+            count(tracker, "000", action, outcome)
+        summary = tracker.get_health_summary()
+        names = numbers[::-1] + [f"more {number}" for number in reversed(numbers)]
+        self.assertEqual([record["tool_name"] for record in summary], names)
+        rows = [(row["action"], row["outcome"]) for row in summary[99]["usage"]]
+        self.assertEqual(rows, inserted)
+
 
 class NativeOutcomes(OutcomesTests, TrackerTest): ...
 
