@@ -87,6 +87,10 @@ class HostCode(Test):
                 for value in UNFIT:
                     self.check(operation, place, unfit(value))
 
+    def test_a_summary_walks_over_the_usage_counts_once(self):
+        """And not once for each tool, as the plain version."""
+        self.assertEqual(play(World(), "summary", "tracker _usage", wrapped).uses.count(".items"), 1)
+
     def test_what_is_replaced_dies_when_the_lock_is_free(self):
         for operation, place in itertools.product(OPERATIONS, PLACES):
             if not operation.startswith("load"):  # which comes before all calls

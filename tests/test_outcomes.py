@@ -6,6 +6,7 @@ from itertools import product
 from unittest import mock
 
 from quorl_dendra.repository import Repository
+from harness import OPERATIONS, REAL_CLOCK, World, derived, wrapped
 from support import PlainTest, TrackerTest, count
 
 # A tool's life: e an error (of the texts e1, e2, ...), s a success, ? the question whether it is
@@ -33,6 +34,8 @@ DISABLE_RULE = {
 }
 # fmt: on
 SETTINGS = {"N": "disable_after_errors", "C": "disable_cooldown_s"}
+PATH = "count a known key", "success of a dirty tool", "error of a dirty tool"
+PATH += "ask for an enabled tool", "ask for a disabled tool", "ask after the cooldown"
 
 
 class OutcomesTests:
@@ -79,6 +82,21 @@ class OutcomesTests:
             for number in range(2000):
                 count(tracker, "a", "x", str(number))
         self.assertEqual({record.calls for record in tracker._usage.values()}, {3})
+
+    def test_the_work_of_a_call_does_not_grow_with_the_tools(self):
+        """It uses its own tool and key, and no other."""
+        with mock.patch("time.time", REAL_CLOCK):
+            world = World(self.module)
+            for number in range(100):
+                name = derived(world, f"{number}")
+                world.tracker._state[name] = wrapped(world, self.module._ToolState())
+                world.tracker._usage[name, None, "ok", False] = wrapped(world, self.module._Usage())
+                world.tracker._dirty.add(name)
+            world.act = lambda: None
+            for operation in PATH * 2:
+                OPERATIONS[operation].begin(world)
+                OPERATIONS[operation].call(world)
+        self.assertEqual(world.uses, [])
 
     def test_what_ties_keeps_its_order(self):
         """Tools with as many errors and calls; rows of no action and of one that is called None."""
