@@ -7,7 +7,7 @@ from unittest import mock
 
 from quorl_dendra.repository import Repository
 from harness import OPERATIONS, REAL_CLOCK, World, derived, wrapped
-from support import PlainTest, TrackerTest, count
+from support import NOW, PlainTest, TrackerTest, count
 
 # A tool's life: e an error (of the texts e1, e2, ...), s a success, ? the question whether it is
 # disabled, r a restart, after which the run of errors is forgotten, +9 or -9 seconds pass, N and C
@@ -97,6 +97,25 @@ class OutcomesTests:
                 OPERATIONS[operation].begin(world)
                 OPERATIONS[operation].call(world)
         self.assertEqual(world.uses, [])
+
+    def test_settings_and_clock_are_read_under_the_lock(self):
+        def read(value):
+            held.append(tracker._lock.locked())
+            return value
+
+        class Limits:
+            disable_after_errors = property(lambda self: read(1))
+            disable_cooldown_s = property(lambda self: read(60.0))
+
+        tracker = self.make()
+        tracker._limits = Limits()
+        for clock in (partial(read, NOW),):
+            with self.subTest(clock), mock.patch("time.time", clock):
+                held = []
+                tracker.record_error("a", "bad")  # takes one setting and the time, as does the next
+                tracker.is_disabled("a")
+                tracker.record_success("a")
+                self.assertEqual(held, [True] * 5)
 
     def test_what_ties_keeps_its_order(self):
         """Tools with as many errors and calls; rows of no action and of one that is called None."""
