@@ -23,7 +23,7 @@ from types import SimpleNamespace
 from unittest import mock
 
 from quorl_dendra.config import ToolsConfig
-from harness import CLOCK, FIELDS, OPERATIONS, REAL_CLOCK, World, load, shown
+from harness import CENSUS, CLOCK, FIELDS, OPERATIONS, REAL_CLOCK, World, load, shown
 from support import NOW, TrackerTest, baseline, count, health, result
 
 NAMES = [name for name in vars(health) if name[:2] != "__"]
@@ -214,6 +214,7 @@ QUESTIONS = (
     lambda m, t: [(result(setattr, t, name, 1), result(delattr, t, name)) for name in MEMBERS],
     lambda m, t: mock.create_autospec(m.ToolHealthTracker, instance=True).record_error(),
     lambda m, t: [(count(t, tool), tool.mock_calls) for tool in [mock.MagicMock()] * 3],
+    lambda m, t: m.thread_census_report(5, SimpleNamespace(**CENSUS))["python_by_name"] is CENSUS["python_threads"],
     key_without_end,
     copied,
 )
@@ -324,6 +325,17 @@ class Python(TrackerTest):
         for lock_type in None, dict, odd, type(threading.RLock()):
             stand_in = SimpleNamespace(LockType=lock_type)
             self.check(partial(import_beside, "_thread", stand_in), lock_type)
+
+    def test_an_import_does_nothing_but_import(self):
+        """It opens no file and no database, and starts no thread; and it binds no `__all__`."""
+        heard, is_heard = set(), False
+        sys.addaudithook(lambda event, args: heard.add(event) if is_heard else None)
+        for path in health.__file__, baseline.__file__:
+            is_heard = True
+            module = load(path)
+            is_heard = False
+            self.assertFalse(hasattr(module, "__all__"))
+        self.assertLessEqual(heard, {*"import exec compile marshal.loads code.__new__ object.__setattr__".split()})
 
     def test_a_clock_that_is_stopped_in_native_code_takes_effect(self):
         def native_code_of(function):
