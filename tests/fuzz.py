@@ -14,6 +14,7 @@ import os
 import random
 import sys
 import time
+from collections import defaultdict
 from decimal import Decimal
 from fractions import Fraction
 from types import SimpleNamespace
@@ -97,6 +98,8 @@ CALLS = (
 # fmt: on
 # They walk over several things. Where more than one raises they fail, but which of them they name is left open.
 WHOLE = ("flush", "_flush", "get_health_summary", "_usage_rows")
+# Each operation that was tried so often succeeds at least so often (today, the rarest: 3 in 4).
+ENOUGH, LEAST_SUCCESS = 200, 0.6
 STEPS, MANY_READINGS = 300, 9  # of an episode; of the clock, more than a step takes
 
 
@@ -307,14 +310,15 @@ def call(name, *args, **kwargs):
     return f"{name}: {args!r} {kwargs or ''}", change
 
 
-def episode(seed):
-    # Run one episode; None, or where the sides differ.
+def episode(seed, succeeded):
+    # Run one episode; None, or where the sides differ. ``succeeded`` gets, by operation, whether it raised nothing.
     script = Script(seed)
     sides = [Side(module, script) for module in (NATIVE, PLAIN)]
     for number in range(STEPS):
         label, change = script.step()
         with mock.patch("time.time", CLOCK if script.is_native else lambda: CLOCK()):
             results = [side.step(change) for side in sides]
+        succeeded[label.split()[0].rstrip(":")].append(not is_error(results[0]))
         if label.startswith(WHOLE) and all(is_error(result) and not result[2] for result in results):
             results = [None, None]
         if told := difference(*map(Side.seen, sides, results)):
@@ -333,14 +337,17 @@ def main():
     parser.add_argument("--seconds", type=float, default=20, help="when no more episodes are begun")
     parser.add_argument("--episodes", type=int, help="so many instead, however long they take")
     options = parser.parse_args()
-    end = time.monotonic() + options.seconds
+    end, succeeded = time.monotonic() + options.seconds, defaultdict(list)
     for done in itertools.count(1):
         seed = options.seed + done - 1
         limit_time()
-        if told := episode(seed):
+        if told := episode(seed, succeeded):
             sys.exit(f"{told}\nagain with: make fuzz SEED={seed}")
         if done == options.episodes or options.episodes is None and time.monotonic() >= end:
             break
+    for operation, tries in succeeded.items():
+        if len(tries) >= ENOUGH and sum(tries) / len(tries) < LEAST_SUCCESS:
+            sys.exit(f"{operation} fails too often, on both sides: little is compared")
     print(f"seeds {options.seed} to {seed}: {done * STEPS} steps, no difference")
 
 
