@@ -147,7 +147,7 @@ class Side:
         # Everything that can be seen after a step, as text.
         things = {name: getattr(self.tracker, name) for name in ("_state", "_usage", "_dirty", "_usage_dirty")}
         things |= {"result": result, "lock held": self.tracker._lock.locked(), "database": self.db.calls}
-        things |= {"warnings": self.warnings, "clock reads": self.clock_reads if not self.script.is_native else ""}
+        things |= {"warnings": self.warnings, "clock reads": self.clock_reads}
         return {name: render(thing) for name, thing in things.items()}
 
 

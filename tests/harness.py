@@ -108,7 +108,7 @@ class World:
         self.limits.disable_after_errors, self.limits.disable_cooldown_s = 3, 1_000_000_000
         self.time += 1
         READINGS.clear()
-        READINGS.extend([self.time] * 20)
+        READINGS.extend([self.time + number / 128 for number in range(20)])
 
     def construct(self, *limits):
         return self.module.ToolHealthTracker(self.db, *limits or [self.limits])
@@ -147,6 +147,7 @@ class World:
             "warnings": shown(WARNINGS),
             **remembered(self.tracker),
             "written": shown(self.written),
+            "times left": str(len(READINGS)),
         }
 
 

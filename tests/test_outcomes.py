@@ -1,5 +1,6 @@
 """Recording outcomes and usage, the disable rule with its cooldown, and the order of what is told of them."""
 
+import io
 from collections import deque
 from functools import partial
 from itertools import product
@@ -109,7 +110,8 @@ class OutcomesTests:
 
         tracker = self.make()
         tracker._limits = Limits()
-        for clock in (partial(read, NOW),):
+        file = mock.Mock(readable=lambda: True, fileno=partial(read, NOW))
+        for clock in file.fileno, io.BufferedReader(file).fileno:  # the latter is native, and runs Python code
             with self.subTest(clock), mock.patch("time.time", clock):
                 held = []
                 tracker.record_error("a", "bad")  # takes one setting and the time, as does the next
