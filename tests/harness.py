@@ -7,8 +7,6 @@
 #
 # An account tells what came of something: texts by the names of its parts.
 
-import collections
-import contextlib
 import copy
 import functools
 import importlib.util
@@ -41,10 +39,8 @@ MANY = [str(number) for number in range(9)]  # more names than a small set holds
 FIGURES = dict.fromkeys("name count avg_ms p95_ms min_ms max_ms errors".split(), 1.5)
 CENSUS = {"os_threads": 9, "python_total": 3, "python_threads": {"pool": 3}}
 ADDRESS = re.compile(r"0x[0-9a-f]+|id='\d+'|'/[^']*'")
+PRESENT = re.compile(r"\b1(7[1-9]|[89]\d)\d{7}\b(\.\d+)?|\b20(2[4-9]|[3-9]\d)-\d\d-\d\d \d\d:\d\d:\d\d")  # of times
 REAL_CLOCK = time.time
-# A native clock, as the runtime's own, that gives these times and then fails.
-READINGS = collections.deque()
-CLOCK = READINGS.popleft
 WARNINGS = {}  # the last of each kind, in a native host
 
 
@@ -63,8 +59,7 @@ def load(path=health.__file__):
     return module
 
 
-with mock.patch("time.time", CLOCK):
-    NATIVE, PLAIN = load(), load(baseline.__file__)
+NATIVE, PLAIN = load(), load(baseline.__file__)
 
 
 def always(value):
@@ -72,8 +67,8 @@ def always(value):
     return itertools.repeat(value).__next__
 
 
-def native_host(module=NATIVE, clock=CLOCK):
-    # What puts native code in every collaborator's place, and that clock.
+def native_host(module=NATIVE):
+    # What puts native code in every collaborator's place but the clock's, which is native.
     host = {
         "TOOLS": dict.fromkeys(["a", "b", "c", *MANY], SimpleNamespace(action={"x": 1}.get)),
         "is_slow_call": operator.eq,
@@ -81,10 +76,7 @@ def native_host(module=NATIVE, clock=CLOCK):
         "thread_census": always(SimpleNamespace(**CENSUS)),
         "logger": SimpleNamespace(warning=WARNINGS.__setitem__),
     }
-    patches = contextlib.ExitStack()
-    patches.enter_context(mock.patch("time.time", clock))
-    patches.enter_context(mock.patch.multiple(module, **host))
-    return patches
+    return mock.patch.multiple(module, **host)
 
 
 class World:
@@ -107,8 +99,6 @@ class World:
         self.db.execute = self.db.executemany = self.written.__setitem__
         self.limits.disable_after_errors, self.limits.disable_cooldown_s = 3, 1_000_000_000
         self.time += 1
-        READINGS.clear()
-        READINGS.extend([self.time + number / 128 for number in range(20)])
 
     def construct(self, *limits):
         return self.module.ToolHealthTracker(self.db, *limits or [self.limits])
@@ -147,7 +137,6 @@ class World:
             "warnings": shown(WARNINGS),
             **remembered(self.tracker),
             "written": shown(self.written),
-            "times left": str(len(READINGS)),
         }
 
 
@@ -216,7 +205,7 @@ def dying(world, value):
 
 
 def shown(value):
-    # A value as text, without addresses and paths: of a tracker its fields, of a set its members in order, of an odd
+    # A value as text, without addresses, paths and what the time is: of a tracker its fields, of a set its members in order, of an odd
     # value the plain one. Errors that are raised natively have no traceback. No record is asked for its ``__dict__``.
     if type(value).__name__ == "Odd" and type(value).__base__ is object:
         return shown(vars(value)["value"])
@@ -224,7 +213,7 @@ def shown(value):
         return ", ".join(remembered(value).values())
     if isinstance(value, set):
         value = sorted(map(repr, set.__iter__(value)))
-    return ADDRESS.sub("...", re.sub("<traceback.*?>", "None", repr(value)))
+    return PRESENT.sub("now", ADDRESS.sub("...", re.sub("<traceback.*?>", "None", repr(value))))
 
 
 def remembered(tracker):

@@ -67,14 +67,14 @@ class TrackerTest(Test):
     """A test of the module with a clock that stands still."""
 
     # It shows ``clock.return_value``. The tools are a (with the actions x, which is slow, and y), b and c; the mock
-    # ``warning`` is in place of the logger's method.
+    # ``warning`` gets the logger's records.
 
     module = health
 
     def setUp(self):
         super().setUp()
         self.clock = self.enterContext(mock.patch("time.time", return_value=NOW))
-        self.warning = self.enterContext(mock.patch.object(self.module.logger, "warning"))
+        self.warning = self.enterContext(mock.patch.object(self.module.logger, "handle"))
         tools = {"a": ToolSpec("a", (Action("x", slow=True), Action("y"))), "b": ToolSpec("b"), "c": ToolSpec("c")}
         self.enterContext(mock.patch.dict(health.TOOLS, tools, clear=True))
 

@@ -1,6 +1,7 @@
 """Calls between the module and its host: what fails, what takes effect, what interrupts."""
 
 import itertools
+import json
 import signal
 import sys
 import time
@@ -115,25 +116,19 @@ class Interruptions(TrackerTest):
         tracker = World(health).tracker
         self.addCleanup(setattr, time, "__class__", type(sys))
         with mock.patch.dict(vars(time), time=REAL_CLOCK):
+            tracker.record_success("a")
             time.__class__ = Loud
             tracker.record_success("a")
         self.assertEqual(tracker._state["a"].updated_at, 7.0)
 
-    def test_the_native_clock_may_replace_the_lock(self):
-        class Host:
-            @property
-            def __dict__(self):
-                tracker._lock = mock.MagicMock()
-                return {}
-
-        clock = mock.patch("time.time", Host().__dir__)  # a native function that runs Python code
-        with clock:
-            module = load()
-        tracker = World(module).tracker
-        tracker.record_success("a")
-        with clock:
-            tracker.record_success("a")
-        tracker._lock.__enter__.assert_called_once_with()
+    def test_json_whose_code_was_replaced_takes_effect(self):
+        world = World(health)
+        for function in json.loads, json.dumps:
+            self.addCleanup(setattr, function, "__code__", function.__code__)
+            function.__code__ = (lambda *args, **kwargs: []).__code__
+        self.assertEqual(world.construct()._usage, {})
+        world.tracker._flush_usage()
+        self.assertEqual([*world.written.values()][-1], (health.TOOL_USAGE_KEY, []))
 
     def test_an_interruption_while_names_wait_to_be_put_back(self):
         """Nothing is lost, whichever write failed."""

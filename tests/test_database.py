@@ -47,7 +47,9 @@ class DatabaseTests:
             self.assertEqual((tracker._dirty, tracker._usage_dirty), ({*NAMES}, True))
             unread = self.module.ToolHealthTracker(db)
             self.assertEqual((unread._state, unread._usage, unread.has_unsaved_changes), ({}, {}, False))
-            self.assertEqual(self.warning.call_count, 2)
+            origins = [(record.module, record.funcName) for (record,), _ in self.warning.call_args_list]
+            name = self.module.__name__.rpartition(".")[2]
+            self.assertEqual(origins, [(name, "_load"), (name, "_load_usage")])
             tracker.record_success(NAMES[0])
         tracker.flush()
         self.assertFalse(tracker.has_unsaved_changes)

@@ -30,7 +30,6 @@ STOPS = (
     ("count nonsense", "tracker _lock", "__exit__"),
     ("error of a dirty tool", "state last_error", "__del__"),
     ("count a known key", "tracker _usage_dirty", "__del__"),
-    ("count nonsense", "counts calls", "__del__"),
     ("success of a dirty tool", "", ""),
 )
 # fmt: on

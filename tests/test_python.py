@@ -11,6 +11,7 @@ import inspect
 import itertools
 import pickle
 import pydoc
+import re
 import sys
 import threading
 import time
@@ -23,7 +24,7 @@ from types import SimpleNamespace
 from unittest import mock
 
 from quorl_dendra.config import ToolsConfig
-from harness import CENSUS, CLOCK, FIELDS, OPERATIONS, REAL_CLOCK, World, load, remembered, shown
+from harness import CENSUS, FIELDS, OPERATIONS, REAL_CLOCK, World, load, remembered, shown
 from support import NOW, TrackerTest, baseline, count, health, result
 
 NAMES = [name for name in vars(health) if name[:2] != "__"]
@@ -54,7 +55,8 @@ def tour_twice(change, world):
     changed = result(change, world.module, world.tracker)
     if hasattr(type(changed), "_load"):
         world.tracker = changed
-    return tour(world) | {name: shown(result(getattr, changed, name)) for name in ("notes", "mock_calls")}
+    seen = {name: shown(result(getattr, changed, name)) for name in ("notes", "mock_calls")}
+    return tour(world) | {name: re.sub(r"__le__\(.*?\)", "__le__(seconds)", text) for name, text in seen.items()}
 
 
 def assign(owner, name, value):
@@ -119,6 +121,18 @@ def hide_usage(self, name):
     return {} if name == "_usage" else object.__getattribute__(self, name)
 
 
+def exhaust(*_):
+    raise MemoryError
+
+
+def make_descriptor_later(module, tracker):
+    # Of what stands in a class of records, once it has been used.
+    later = type("Later", (), {})
+    module._ToolState.call_count = later()
+    tracker.record_success("a")
+    later.__get__, later.__set__ = (lambda self, record, cls: 41), (lambda self, record, value: None)
+
+
 def set_first(self, *args):
     self.first = 1
     super(type(self), self).__init__(*args)
@@ -127,6 +141,7 @@ def set_first(self, *args):
 TRACKER_CHANGES = (
     lambda m, t: vars(t),
     lambda m, t: vars(t).update(_limits=ToolsConfig(1, 0)),
+    lambda m, t: assign(t, "_limits", type("Exhausted", (), {"__getattr__": exhaust})()),
     lambda m, t: assign(t, "__dict__", {**vars(t), "_state": {}}),
     lambda m, t: mock.patch.dict(vars(t), _usage={}).start(),
     lambda m, t: copy.copy(t),
@@ -138,6 +153,8 @@ TRACKER_CHANGES = (
     lambda m, t: own(m, t, __getattribute__=hide_usage),
     lambda m, t: own(m, t, _limits=property(lambda self: 0, lambda self, value: None)),
     lambda m, t: own(m, t, __init__=set_first),
+    lambda m, t: vars(m.ToolHealthTracker)["cooldown_s"].__init__(lambda self: 0),
+    make_descriptor_later,
     lambda m, t: assign(m.ToolHealthTracker, "__setattr__", note_setting),
     lambda m, t: assign(m.ToolHealthTracker, "__getattribute__", hide_usage),
 )
@@ -150,6 +167,7 @@ RECORD_CHANGES = (  # of a class of records, or of a record
     lambda cls, record: assign(cls, "__setattr__", note_setting),
     lambda cls, record: assign(cls, "__getattribute__", lambda self, name: 3),
     lambda cls, record: assign(cls, "__init__", lambda self, *args, **kwargs: None),
+    lambda cls, record: assign(cls.__init__, "__defaults__", (7,) * len(cls.__match_args__)),
     lambda cls, record: assign(cls, "__new__", lambda cls, *args, **kwargs: "no record"),
 )
 
@@ -240,13 +258,14 @@ class Python(TrackerTest):
     def observe(self, path, act):
         # What the case gives, and the warnings.
         self.warning.reset_mock()
-        with mock.patch("time.time", CLOCK):
+        with mock.patch("time.time", REAL_CLOCK):
             world = World(load(path))
             with mock.patch.dict(sys.modules, {health.__name__: world.module}):
                 found = result(act, world)
             mock.patch.stopall()
         account = found if isinstance(found, dict) else {"answer": shown(found)}
-        return account | {"warnings": shown(self.warning.call_args_list)}
+        warnings = [(record.funcName, record.msg, record.args) for (record,), _ in self.warning.call_args_list]
+        return account | {"warnings": shown(warnings)}
 
     def check(self, act, *names):
         self.check_same(self.observe(health.__file__, act), self.observe(baseline.__file__, act), *names)
@@ -259,9 +278,10 @@ class Python(TrackerTest):
 
     def test_names_are_looked_up_at_each_use(self):
         self.check_tour(lambda m, t: None)
-        for target in "json.dumps", "json.JSONEncoder", "threading.Lock":
+        for target in "json.dumps", "json.JSONEncoder", "json.JSONEncoder.encode", "threading.Lock":
             self.check_tour(lambda m, t: mock.patch(target).start(), target)
-        self.check_tour(lambda m, t: mock.patch("json.loads", lambda text: []).start(), "json.loads")
+        for target in "json.loads", "json.JSONDecoder.decode":
+            self.check_tour(lambda m, t: mock.patch(target, lambda *_: []).start(), target)
         self.check_tour(lambda m, t: assign(m, "_SQLITE_TIMESTAMP", "%H"))
         self.check_tour(borrow)
         self.check_tour(lambda m, t: assign(m, "datetime", type("Later", (datetime,), {})))
@@ -347,14 +367,22 @@ class Python(TrackerTest):
         self.assertLessEqual(heard, {*"import exec compile marshal.loads code.__new__ object.__setattr__".split()})
 
     def test_a_clock_that_is_stopped_in_native_code_takes_effect(self):
-        def native_code_of(function):
-            definition = ctypes.c_void_p.from_address(id(function) + object.__basicsize__).value
-            return ctypes.c_void_p.from_address(definition + ctypes.sizeof(ctypes.c_char_p))
+        """And runs under the lock, as any that is not the runtime's own, also where it was there at import."""
+
+        @ctypes.PYFUNCTYPE(ctypes.py_object, *[ctypes.c_void_p] * 2)
+        def stopped(*_):
+            held.append(tracker._lock.locked())
+            return 7.0
 
         time.time = REAL_CLOCK
-        tracker, code = self.make(), native_code_of(time.time)
-        tracker.record_success("a")
+        definition = ctypes.c_void_p.from_address(id(REAL_CLOCK) + object.__basicsize__).value
+        code = ctypes.c_void_p.from_address(definition + ctypes.sizeof(ctypes.c_char_p))
         self.addCleanup(setattr, code, "value", code.value)
-        code.value = native_code_of(time.process_time).value
-        tracker.record_success("a")
-        self.assertLess(tracker._state["a"].updated_at, NOW)
+        trackers = [self.make()]
+        trackers[0].record_success("a")
+        code.value = ctypes.cast(stopped, ctypes.c_void_p).value
+        trackers.append(World(load()).tracker)
+        for tracker in trackers:
+            held = []
+            tracker.record_success("a")
+            self.assertEqual((held, tracker._state["a"].updated_at), ([True], 7.0))

@@ -23,7 +23,7 @@ class ThreadsTests:
     def test_totals(self):
         """Beside summaries and flushes, every third of which fails and is made up for."""
         sys.setswitchinterval(1e-6)
-        self.enterContext(native_host(self.module, REAL_CLOCK))
+        self.enterContext(native_host(self.module))
         db, writes, is_over = FakeDatabase(), itertools.count(), threading.Event()
         tracker = self.module.ToolHealthTracker(db)
         db.hook = lambda operation: 1 // (next(writes) % 3)
@@ -81,11 +81,12 @@ class ThreadsTests:
                     self.assertEqual((answers, tracker.limits.disable_cooldown_s), ([], tracker.cooldown_s))
                     state = self.module._ToolState(8, 0, "new", time.time() - 1, NOW)
                     tracker._state, tracker._usage = {"a": state}, {KEY: self.module._Usage(8)}
-                    tracker.limits.disable_after_errors = 1
+                    tracker.limits.disable_after_errors, released = 1, time.time()
                 thread.join()
                 self.assertEqual((state.call_count, tracker._usage[KEY].calls), counts)
                 self.assertEqual(answers, [answer])
                 self.assertTrue(not state.error_count or state.disabled_at == state.updated_at)
+                self.assertGreaterEqual(state.updated_at, released if state.call_count == 9 else NOW)
 
     def test_a_blocked_flush_holds_up_nobody(self):
         for blocked in ("executemany", "execute"):

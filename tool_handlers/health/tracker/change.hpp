@@ -6,12 +6,12 @@
 //         record.set(total_ms, ...);
 //     }
 //
-//     PlainChange      of a direct record of plain values. The steps make new values; `commit` puts them in place
-//     together,
-//                      where nothing can fail. A step that fails for lack of memory leaves the record as it was.
-//     StepwiseChange   of any other. Each step takes effect at once and stays, as a statement of Python does: host code
-//                      that a later one runs sees it. What was replaced dies with the change. Make that before the
-//                      section, so that the lock is free by then: last references may run Python code.
+// PlainChange is for a direct record of plain values. The steps make new values; `commit` puts them in place together,
+// which cannot fail. A step that fails for lack of memory leaves the record as it was.
+//
+// StepwiseChange is for any other. Each step takes effect at once and stays, as a statement of Python does: host code
+// that a later one runs sees it. What was replaced dies with the change. Make that before the section, so that the lock
+// is free by then: last references may run Python code.
 #pragma once
 
 #include <Python.h>
