@@ -80,8 +80,7 @@ void ModuleFunction::remember(PyObject* module, PyObject* name) {
     members_ = PyModule_GetDict(module);
     find();
     const bool is_own = function_ != nullptr && PyCFunction_CheckExact(function_) &&
-                        PyCFunction_GET_FLAGS(function_) == METH_NOARGS &&
-                        PyCFunction_GET_SELF(function_) == module &&
+                        PyCFunction_GET_FLAGS(function_) == METH_NOARGS && PyCFunction_GET_SELF(function_) == module &&
                         is_in_library_of(module, PyCFunction_GET_FUNCTION(function_));
     original_.remember(is_own ? function_ : nullptr);
 }
