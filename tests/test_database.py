@@ -1,9 +1,6 @@
 """A real database that fails: nothing that was recorded is lost, and the next flush writes all of it."""
 
 import contextlib
-import itertools
-import json
-import shutil
 import sqlite3
 import tempfile
 from pathlib import Path
@@ -21,20 +18,13 @@ def change(tracker, text):
 
 
 class DatabaseTests:
-    def setUp(self):
-        super().setUp()
+    def test_a_locked_database(self):
+        """Both writes fail and both reads are warned about; all is written once it is free."""
         health.TOOLS.update(dict.fromkeys(NAMES, health.TOOLS["a"]))
-        self.folder = self.enterContext(tempfile.TemporaryDirectory())
-
-    def open(self, path):
+        path = Path(self.enterContext(tempfile.TemporaryDirectory()), "locked")
         db = Database(path, busy_timeout_s=0.05)
         self.addCleanup(db.close)
         db.db = db  # it is its own repository
-        return db
-
-    def test_a_locked_database(self):
-        """Both writes fail and both reads are warned about; all is written once it is free."""
-        db = self.open(path := Path(self.folder, "locked"))
         db.execute("PRAGMA journal_mode = DELETE")  # in which a writer locks readers out
         tracker = self.module.ToolHealthTracker(db)
         change(tracker, "old")
@@ -58,32 +48,6 @@ class DatabaseTests:
             state.consecutive_errors = 0
         self.assertEqual((restarted._state, restarted._usage), (tracker._state, tracker._usage))
         self.assertFalse(restarted.has_unsaved_changes)
-
-    def test_killed(self):
-        """At any moment: the file is sound, and each statement took place or did not."""
-        # What the folder holds at that moment is what a kill would leave.
-
-        def copy(*_):
-            copies.append(Path(self.folder, f"copy {len(copies)}"))
-            shutil.copytree(live, copies[-1])
-
-        live, copies, outcomes = Path(self.folder, "live"), [], set()
-        live.mkdir()
-        db = self.open(live / "db")
-        tracker = self.module.ToolHealthTracker(db)
-        change(tracker, "old")
-        tracker.flush()
-        change(tracker, "newer")
-        db._connection.set_progress_handler(copy, 200)  # while a statement runs
-        db.execute = lambda *args: (copy(), Database.execute(db, *args), copy())
-        tracker.flush()
-        for folder in copies:
-            db = self.open(folder / "db")
-            self.assertEqual(db.fetchall("PRAGMA integrity_check"), [("ok",)])
-            rows = db.fetchall("SELECT call_count, count(*) FROM tool_health GROUP BY call_count")
-            (document,) = db.fetchone("SELECT value FROM schema_info WHERE key = 'tool_usage'")
-            outcomes.add((*rows, len(json.loads(document))))
-        self.assertEqual(outcomes, {((1, 80), 1), ((2, 80), 1), ((2, 80), 2)})
 
 
 class NativeDatabase(DatabaseTests, TrackerTest): ...
