@@ -82,20 +82,20 @@ public:
     /// As `ObjectClass::values_of`.
     [[nodiscard]] PyObject** direct() const { return class_.values_of(object_); }
 
-    /// The value of a field if the object itself has it, direct or in its `__dict__`; else nullptr. Borrowed, and good
-    /// until Python code may run. Runs some only if the `__dict__` has keys that are not exactly str.
-    [[nodiscard]] PyObject* get_stored(Field field) const {
+    /// The value of a field if the object itself has it, direct or in its `__dict__`; else empty. Runs Python code only
+    /// if the `__dict__` has keys that are not exactly str.
+    [[nodiscard]] Ref get_stored(Field field) const {
         if (PyObject** values = direct()) {
-            return values[field];
+            return Ref::borrow_optional(values[field]);
         }
         const Ref dict = Ref::borrow_optional(class_.dict_of(object_));
-        return dict ? find(dict.get(), class_.name(field)) : nullptr;
+        return Ref::borrow_optional(dict ? find(dict.get(), class_.name(field)) : nullptr);
     }
 
     /// `object.field`. Runs Python code only if the object is not direct. Throws an AttributeError where there is none.
     [[nodiscard]] Ref get(Field field) const {
-        PyObject* value = get_stored(field);
-        return value != nullptr ? Ref::borrow(value) : get_attribute(object_, class_.name(field));
+        Ref value = get_stored(field);
+        return value ? std::move(value) : get_attribute(object_, class_.name(field));
     }
 
     /// `object.field = value`. Returns what it replaced, for the caller to drop when that may run Python code; empty
@@ -129,8 +129,8 @@ private:
 class CachedAttribute {
 public:
     /// The attribute `name`, an interned text, if nothing in the object's class takes part in the access; else empty,
-    /// with no error set. Runs Python code only where a namespace has keys that are not exactly str: read what you rely
-    /// on afterwards.
+    /// with no error set. Runs Python code only where a namespace has keys that are not exactly str: keep the object,
+    /// and read what you rely on afterwards.
     Ref get(PyObject* object, PyObject* name);
 
 private:

@@ -60,7 +60,7 @@ Ref answer_elided(const Context& context, const TrackerView& tracker, PyObject* 
     if (values[disabled_at] == Py_None) {
         return Ref::borrow(context.state.enabled_answer.get());
     }
-    const Ref cooldown = plain_disable_cooldown_s(context, tracker.get_stored(TrackerFields::limits));
+    const Ref cooldown = plain_disable_cooldown_s(context, tracker.get_stored(TrackerFields::limits).get());
     PyObject* clock = context.find(Name::time);
     values = known_values(context, tracker, tool_name);  // again, after these (see `CachedAttribute::get`)
     if (!cooldown || values == nullptr || values[disabled_at] == nullptr || !PyFloat_CheckExact(values[disabled_at]) ||

@@ -109,7 +109,7 @@ template <class Outcome>
 inline bool prepare(PlainReadings& readings, const Context& context, const TrackerView& tracker,
                     const Outcome& outcome) {
     if constexpr (Outcome::reads_threshold) {
-        readings.limit = plain_disable_after_errors(context, tracker.get_stored(TrackerFields::limits));
+        readings.limit = plain_disable_after_errors(context, tracker.get_stored(TrackerFields::limits).get());
         if (!readings.limit) {
             return false;
         }
