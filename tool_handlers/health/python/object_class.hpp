@@ -98,6 +98,9 @@ public:
         return value ? std::move(value) : get_attribute(object_, class_.name(field));
     }
 
+    /// The same for any object, past attribute access of its own; empty where there is none.
+    [[nodiscard]] Ref peek(Field field) const { return get_generically(object_, class_.name(field)); }
+
     /// `object.field = value`. Returns what it replaced, for the caller to drop when that may run Python code; empty
     /// where there was nothing, or where the object has attribute access of its own. On a direct object that has the
     /// field nothing can fail, and no Python code runs.

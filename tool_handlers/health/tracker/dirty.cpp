@@ -21,8 +21,8 @@ void or_everything(const TrackerView& tracker, Body&& body) {
 }
 
 bool is_everything_dirty(const TrackerView& tracker) {
-    PyObject* flag = tracker.get_stored(usage_dirty);
-    return flag != nullptr && py::is_compact(flag) && py::compact_value(flag) == everything;
+    const Ref flag = tracker.peek(usage_dirty);
+    return flag && py::is_compact(flag.get()) && py::compact_value(flag.get()) == everything;
 }
 
 /// The dirty names with those of all tools.
