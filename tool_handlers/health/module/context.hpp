@@ -32,7 +32,7 @@ public:
     /// The value of a name in the namespace, as it is now, borrowed; nullptr if there is none.
     [[nodiscard]] PyObject* find(Name name) const {
         ModuleState::Found& found = state.found[static_cast<std::size_t>(name)];
-        if (found.version != py::version_of(globals)) {
+        if (found.version != py::version_of(globals) || (found.value != nullptr && py::is_dying(found.value))) {
             PyObject* value = py::find(globals, (*this)[name]);
             found = {.version = py::version_of(globals), .value = value};
         }

@@ -37,7 +37,7 @@ public:
             return nullptr;
         }
         const Entry& entry = entries_[place_of(dict, key)];
-        if (entry.version != version_of(dict) || !is_same_key(entry.key.get(), key)) {
+        if (entry.version != version_of(dict) || !is_same_key(entry.key.get(), key) || is_dying(entry.value)) {
             return nullptr;
         }
         HEALTH_ASSERT(is_held(dict, entry.value), "the look-up cache knows a value that its dictionary does not hold");

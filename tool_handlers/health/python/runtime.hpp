@@ -43,6 +43,9 @@ inline void leave_native(PyThreadState* thread) { ++thread->c_recursion_remainin
 /// Whether an object is never freed and needs no counting. object.h. A wrong no costs time only.
 inline bool is_immortal(PyObject* object) { return _Py_IsImmortal(object) != 0; }
 
+/// Whether a borrowed object is about to be freed. object.h. See `version_of` of a dictionary.
+inline bool is_dying(PyObject* object) { return Py_REFCNT(object) == 0; }
+
 /// Whether two objects that are exactly str are equal; runs no Python code, cannot fail. cpython/unicodeobject.h.
 inline bool is_same_text(PyObject* left, PyObject* right) { return _PyUnicode_EQ(left, right) != 0; }
 
@@ -121,7 +124,9 @@ inline bool is_in_library_of(PyObject* module, PyCFunction function) {
 // Dictionaries and sets.
 
 /// A number that no other state of any dictionary has: while it stays the same, the dictionary holds the same keys and
-/// values. cpython/dictobject.h; later releases have none, and this does not compile there.
+/// values. But `object.name = value`, where the dictionary is the object's `__dict__`, drops the old value before it
+/// changes the number (Python/bytecodes.c, STORE_ATTR_WITH_HINT): what code the drop runs sees the old number.
+/// cpython/dictobject.h; later releases have none, and this does not compile there.
 inline std::uint64_t version_of(PyObject* dict) {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
