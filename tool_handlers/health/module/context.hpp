@@ -39,13 +39,12 @@ public:
         return found.value;
     }
 
-    /// The same; throws a NameError.
+    /// The same, or that of a builtin; throws a NameError.
     [[nodiscard]] py::Ref get(Name name) const {
         PyObject* value = find(name);
-        if (value == nullptr) {
-            py::raise(PyExc_NameError, "name '%U' is not defined", (*this)[name]);
-        }
-        return py::Ref::borrow(value);
+        return value != nullptr
+                   ? py::Ref::borrow(value)
+                   : py::Ref::steal(PyRun_String(PyUnicode_AsUTF8((*this)[name]), Py_eval_input, globals, globals));
     }
 
     /// Whether a name leads to what is remembered, unchanged, or to the module's own function.
