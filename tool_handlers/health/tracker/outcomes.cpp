@@ -156,7 +156,8 @@ void record_locked(StepwiseChange<ToolStateFields>& change, const Context& conte
     const bool is_new = !found;
     change.begin(is_new ? make_tool_state(context) : std::move(found));
     const Ref states = is_new ? tracker.get(TrackerFields::state) : Ref();
-    const bool is_seen_early = is_new && !PyDict_CheckExact(states.get());  // by the code of another mapping
+    // Storing it runs code, of another mapping or of the key: that comes before what the steps read.
+    const bool is_seen_early = is_new && !(PyDict_CheckExact(states.get()) && PyUnicode_CheckExact(tool_name));
     PlainReadings readings;
     const bool is_prepared = !is_seen_early && prepare(readings, context, tracker, outcome);
     PyObject** values = is_prepared ? plain_values(context, change.record()) : nullptr;
