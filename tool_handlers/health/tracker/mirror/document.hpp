@@ -16,7 +16,8 @@ struct DocumentEntry {
     py::Ref key;  // of `key_tuple`
     py::Ref calls;
     py::Ref timed_calls;
-    py::Ref total_ms;  // rounded already, unless it is a float
+    py::Ref total_ms;
+    bool is_rounded;  // a float is not: the writer does that
 };
 
 /// The document of these entries, as a str; all of it by `json.dumps` if anything in that was replaced. Runs Python

@@ -24,7 +24,8 @@ Ref list_objects(const Context& context, const py::RefVector<DocumentEntry>& ent
     Ref list = Ref::steal(PyList_New(0));
     for (const DocumentEntry& entry : entries) {
         const Ref object = Ref::steal(PyDict_New());
-        const Ref total_ms = py::round_by_runtime(entry.total_ms.get(), total_decimals);
+        const Ref total_ms = entry.is_rounded ? Ref::borrow(entry.total_ms.get())
+                                              : py::round_by_runtime(entry.total_ms.get(), total_decimals);
         py::set_item(object.get(), context[Name::tool], member_of(entry.key, key_tool));
         py::set_item(object.get(), context[Name::action], member_of(entry.key, key_action));
         py::set_item(object.get(), context[Name::outcome], member_of(entry.key, key_outcome));
@@ -72,7 +73,7 @@ private:
         add_member(R"(,"calls":)", entry.calls.get());
         add_member(R"(,"timed_calls":)", entry.timed_calls.get());
         out_ += R"(,"total_ms":)";
-        add_total(entry.total_ms.get());
+        add_total(entry.total_ms.get(), entry.is_rounded);
         out_ += '}';
     }
 
@@ -115,9 +116,9 @@ private:
         add_characters(py::call(escape_.get(), value).get());
     }
 
-    void add_total(PyObject* total_ms) {
+    void add_total(PyObject* total_ms, bool is_rounded) {
         constexpr double few_digits = 1e11;
-        if (!PyFloat_CheckExact(total_ms)) {
+        if (is_rounded) {
             add_value(total_ms);
         } else if (std::fabs(PyFloat_AS_DOUBLE(total_ms)) < few_digits) {
             add_rounded(PyFloat_AS_DOUBLE(total_ms));

@@ -53,10 +53,11 @@ DocumentEntry copy_entry(const Context& context, MappingEntry& entry) {
     Ref call_count = record.get(calls);
     Ref timed_count = record.get(timed_calls);
     Ref total = record.get(total_ms);
-    if (!PyFloat_CheckExact(total.get())) {  // which the writer rounds
+    const bool is_rounded = !PyFloat_CheckExact(total.get());
+    if (is_rounded) {
         total = py::round_by_runtime(total.get(), total_decimals);
     }
-    return {std::move(key), std::move(call_count), std::move(timed_count), std::move(total)};
+    return {std::move(key), std::move(call_count), std::move(timed_count), std::move(total), is_rounded};
 }
 
 struct UsageSnapshot {
@@ -82,14 +83,11 @@ void take_snapshot(const Context& context, const TrackerView& tracker, UsageSnap
 
 /// Marks the counts as changed again: under the lock, and without it where waiting for that is interrupted.
 void put_back_usage_dirty(const Context& context, const TrackerView& tracker) {
-    py::recovering(
-        [&] {
-            in_section(context, tracker, [&] {
-                const Ref replaced = set_usage_dirty(tracker, true);
-                return py::none();
-            });
-        },
-        [&] { const Ref replaced = set_usage_dirty(tracker, true); });
+    const auto mark = [&] {
+        const Ref replaced = set_usage_dirty(tracker, true);
+        return py::none();
+    };
+    py::recovering([&] { in_section(context, tracker, mark); }, mark);
 }
 
 void store_document(const Context& context, const TrackerView& tracker, const py::RefVector<DocumentEntry>& entries) {
