@@ -13,18 +13,19 @@ namespace health {
 // One list: each name becomes a member of `Name` and the text it stands for.
 // clang-format off
 #define HEALTH_NAMES(NAME) \
-    NAME(_epoch) NAME(_known) NAME(_sqlite_time) NAME(_SQLITE_TIMESTAMP) NAME(_TOOL_HEALTH_COLUMNS) NAME(_ToolState) \
-    NAME(_Usage) NAME(_usage_rows) NAME(action) NAME(add) NAME(alias_hit) NAME(avg_ms) NAME(budget) NAME(call_count) \
-    NAME(calls) NAME(clear) NAME(cooldown_s) NAME(count) NAME(datetime) NAME(db) NAME(decoder) \
-    NAME(disable_after_errors) NAME(disable_cooldown_s) NAME(disabled) NAME(disabled_at) NAME(dumps) \
-    NAME(encode_basestring_ascii) NAME(encoder) NAME(error_count) NAME(errors) NAME(execute) NAME(executemany) \
-    NAME(fetchall) NAME(fetchone) NAME(fromtimestamp) NAME(get) NAME(get_all_stats) NAME(get_timing_collector) \
-    NAME(is_slow_call) NAME(items) NAME(json) NAME(JSONDecoder) NAME(JSONEncoder) NAME(last_error) NAME(loads) \
-    NAME(logger) NAME(max_ms) NAME(min_ms) NAME(name) NAME(None) NAME(os) NAME(os_threads) NAME(outcome) \
-    NAME(p95_ms) NAME(python) NAME(python_by_name) NAME(python_threads) NAME(python_total) NAME(replace) \
-    NAME(separators) NAME(slow) NAME(strftime) NAME(strptime) NAME(thread_census) NAME(time) NAME(timed_calls) \
-    NAME(timestamp) NAME(timezone) NAME(tool) NAME(tool_name) NAME(TOOL_USAGE_KEY) NAME(TOOLS) NAME(tools) \
-    NAME(total_ms) NAME(tzinfo) NAME(update) NAME(updated_at) NAME(usage) NAME(utc) NAME(warning)
+    NAME(_default_decoder) NAME(_epoch) NAME(_known) NAME(_sqlite_time) NAME(_SQLITE_TIMESTAMP) \
+    NAME(_TOOL_HEALTH_COLUMNS) NAME(_ToolState) NAME(_Usage) NAME(_usage_rows) NAME(action) NAME(add) NAME(alias_hit) \
+    NAME(avg_ms) NAME(budget) NAME(call_count) NAME(calls) NAME(clear) NAME(cooldown_s) NAME(count) NAME(datetime) \
+    NAME(db) NAME(decoder) NAME(disable_after_errors) NAME(disable_cooldown_s) NAME(disabled) NAME(disabled_at) \
+    NAME(dumps) NAME(encode_basestring_ascii) NAME(encoder) NAME(error_count) NAME(errors) NAME(execute) \
+    NAME(executemany) NAME(fetchall) NAME(fetchone) NAME(fromtimestamp) NAME(get) NAME(get_all_stats) \
+    NAME(get_timing_collector) NAME(is_slow_call) NAME(items) NAME(json) NAME(JSONDecoder) NAME(JSONEncoder) \
+    NAME(last_error) NAME(loads) NAME(logger) NAME(max_ms) NAME(min_ms) NAME(name) NAME(None) NAME(os) \
+    NAME(os_threads) NAME(outcome) NAME(p95_ms) NAME(python) NAME(python_by_name) NAME(python_threads) \
+    NAME(python_total) NAME(replace) NAME(separators) NAME(slow) NAME(strftime) NAME(strptime) NAME(thread_census) \
+    NAME(time) NAME(timed_calls) NAME(timestamp) NAME(timezone) NAME(tool) NAME(tool_name) NAME(TOOL_USAGE_KEY) \
+    NAME(TOOLS) NAME(tools) NAME(total_ms) NAME(tzinfo) NAME(update) NAME(updated_at) NAME(usage) NAME(utc) \
+    NAME(warning)
 // clang-format on
 
 enum class Name : unsigned char {

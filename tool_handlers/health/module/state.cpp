@@ -66,6 +66,7 @@ void ModuleState::remember(PyObject* globals) {
     clock.remember(py::find(globals, names[Name::time]), names[Name::time]);
     originals.json_dumps.remember(names, globals, Name::dumps, Name::encoder, Name::JSONEncoder);
     originals.json_loads.remember(names, globals, Name::loads, Name::decoder, Name::JSONDecoder);
+    originals.json_decoder.remember(member_of(py::find(globals, names[Name::json]), names[Name::_default_decoder]));
     originals.datetime.remember(native_type(names, globals, Name::datetime));
     originals.timezone.remember(native_type(names, globals, Name::timezone));
     originals.sqlite_timestamp.remember(py::find(globals, names[Name::_SQLITE_TIMESTAMP]));

@@ -36,6 +36,7 @@ struct JsonFunction {
 struct Originals {
     JsonFunction json_dumps;
     JsonFunction json_loads;
+    py::Original json_decoder;  // the object by which `json.loads` reads
     py::Original datetime;
     py::Original timezone;
     py::Original sqlite_timestamp;

@@ -6,6 +6,17 @@
 
 namespace health::py {
 
+namespace {
+
+/// The `__dict__` of a module or an instance; empty if it has none.
+Ref dict_of(PyObject* object) {
+    Ref dict = Ref::steal_optional(PyObject_GenericGetDict(object, nullptr));
+    PyErr_Clear();
+    return dict;
+}
+
+}  // namespace
+
 void Original::remember(PyObject* object) {
     *this = {};
     if (object == nullptr) {
@@ -29,8 +40,9 @@ void Original::remember(PyObject* object) {
     }
     if (PyCFunction_CheckExact(object)) {
         native_ = PyCFunction_GET_FUNCTION(object);
-    } else if (PyModule_CheckExact(object)) {
-        version_ = version_of(PyModule_GetDict(object));
+    } else if (kept_ && (members_ = dict_of(object))) {
+        type_ = Py_TYPE(object);
+        version_ = version_of(members_.get());
     }
     object_ = object;
 }
@@ -59,8 +71,9 @@ bool Original::is(PyObject* object) const {
     if (PyCFunction_CheckExact(object)) {
         return PyCFunction_GET_FUNCTION(object) == native_;
     }
-    if (PyModule_Check(object)) {
-        return PyModule_CheckExact(object) && version_of(PyModule_GetDict(object)) == version_;
+    if (members_) {
+        return Py_IS_TYPE(object, type_) && dict_of(object).get() == members_.get() &&
+               version_of(members_.get()) == version_;
     }
     if (PyType_Check(object)) {
         const auto* type = reinterpret_cast<PyTypeObject*>(object);

@@ -6,8 +6,7 @@
 //     a function         its code, its defaults and keyword-only defaults, and what is in the latter
 //     a native function  its C function
 //     a class            its version, that `type` is its type, and each of its functions
-//     a module           its type, and the version of its namespace
-//     anything else      nothing: it is taken for immutable
+//     anything else      its type, and the version of its `__dict__`; one without that is taken for immutable
 #pragma once
 
 #include <Python.h>
@@ -47,6 +46,8 @@ private:
     Ref kept_;
     RefVector<Function> functions_;
     PyCFunction native_ = nullptr;
+    PyTypeObject* type_ = nullptr;  // of what has a `__dict__`
+    Ref members_;                   // that `__dict__`
     std::uint64_t version_ = 0;
 };
 

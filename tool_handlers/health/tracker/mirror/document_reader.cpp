@@ -16,18 +16,7 @@ using py::Ref;
 namespace {
 
 /// A member that every element of a document must have.
-Ref member(const Context& context, PyObject* element, Name name) {
-    PyObject* key = context[name];
-    if (!PyDict_CheckExact(element)) {
-        return py::get_item(element, key);
-    }
-    PyObject* value = py::find(element, key);
-    if (value == nullptr) {
-        PyErr_SetObject(PyExc_KeyError, key);
-        py::throw_current();
-    }
-    return Ref::borrow(value);
-}
+Ref member(const Context& context, PyObject* element, Name name) { return py::get_item(element, context[name]); }
 
 /// Adds one element of a parsed document to the table.
 void add_element(const Context& context, PyObject* table, PyObject* element) {
@@ -77,8 +66,9 @@ void add_canonical(const Context& context, PyObject* table, SharedTexts& texts, 
 /// Reads a document in the form that the module writes, in a fraction of the parser's time; empty for any other text,
 /// and where the parser was replaced.
 Ref read_canonical(const Context& context, PyObject* text) {
-    if (!context.state.originals.json_loads.is_unchanged(context.get(Name::json).get()) || !py::is_ascii(text) ||
-        !context.state.usage.is_made_by(context.get(Name::_Usage).get())) {
+    const Originals& originals = context.state.originals;
+    if (!originals.json_loads.is_unchanged(context.get(Name::json).get()) || !originals.json_decoder.is_unchanged() ||
+        !py::is_ascii(text) || !context.state.usage.is_made_by(context.get(Name::_Usage).get())) {
         return {};
     }
     Ref table = Ref::steal(PyDict_New());
