@@ -15,6 +15,9 @@ static_assert(sizeof(long) == 8, "counts are read as long");
 
 inline bool is_plain_number(PyObject* object) { return PyLong_CheckExact(object) || PyFloat_CheckExact(object); }
 
+/// Whether an object, which may be nullptr, is exactly of a type.
+inline bool is_a(PyObject* object, const PyTypeObject& type) { return object != nullptr && Py_TYPE(object) == &type; }
+
 inline bool is_plain(PyObject* object) {
     const PyTypeObject* type = Py_TYPE(object);
     return type == &PyLong_Type || type == &PyFloat_Type || type == &PyUnicode_Type || type == &PyBool_Type ||

@@ -13,11 +13,6 @@ bool has_text_keys(PyObject* dict) {
     return true;
 }
 
-Ref first_item(PyObject* sequence) {
-    const Ref zero = Ref::steal(PyLong_FromLong(0));
-    return get_item(sequence, zero.get());
-}
-
 Ref call_vector(PyObject* callable, PyObject* const* arguments, std::size_t count, PyObject* keywords) {
     return Ref::steal(PyObject_Vectorcall(callable, arguments, count | PY_VECTORCALL_ARGUMENTS_OFFSET, keywords));
 }

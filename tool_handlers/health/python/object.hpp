@@ -53,7 +53,7 @@ inline Ref hidden(PyObject* container) {
 inline Ref get_item(PyObject* container, PyObject* key) { return Ref::steal(PyObject_GetItem(container, key)); }
 
 /// `sequence[0]` of any object that can be indexed by position.
-Ref first_item(PyObject* sequence);
+inline Ref first_item(PyObject* sequence) { return get_item(sequence, Ref::steal(PyLong_FromLong(0)).get()); }
 
 inline bool is_true(PyObject* object) { return check(PyObject_IsTrue(object)) != 0; }
 

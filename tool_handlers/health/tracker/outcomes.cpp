@@ -93,13 +93,11 @@ struct Failure {
 /// run; runs none itself.
 inline PyObject** plain_values(const Context& context, PyObject* record) {
     PyObject** values = context.state.tool_state.values_of(record);
-    const auto is_a = [&](ToolStateFields::Field field, const PyTypeObject& type) {
-        return values[field] != nullptr && Py_TYPE(values[field]) == &type;
-    };
-    const bool is_plain = values != nullptr && is_a(call_count, PyLong_Type) && is_a(error_count, PyLong_Type) &&
-                          is_a(consecutive_errors, PyLong_Type) && is_a(updated_at, PyFloat_Type) &&
-                          (values[last_error] == Py_None || is_a(last_error, PyUnicode_Type)) &&
-                          (values[disabled_at] == Py_None || is_a(disabled_at, PyFloat_Type));
+    const bool is_plain =
+        values != nullptr && py::is_a(values[call_count], PyLong_Type) && py::is_a(values[error_count], PyLong_Type) &&
+        py::is_a(values[consecutive_errors], PyLong_Type) && py::is_a(values[updated_at], PyFloat_Type) &&
+        (values[last_error] == Py_None || py::is_a(values[last_error], PyUnicode_Type)) &&
+        (values[disabled_at] == Py_None || py::is_a(values[disabled_at], PyFloat_Type));
     return is_plain ? values : nullptr;
 }
 

@@ -27,11 +27,8 @@ void count(Change& usage, PyObject* duration_ms) {
 /// only; else nullptr. Good until Python code may run; runs none itself.
 PyObject** plain_values(const Context& context, PyObject* record, PyObject* duration_ms) {
     PyObject** values = context.state.usage.values_of(record);
-    const auto is_a = [&](UsageFields::Field field, const PyTypeObject& type) {
-        return values[field] != nullptr && Py_TYPE(values[field]) == &type;
-    };
-    const bool is_plain = values != nullptr && is_a(calls, PyLong_Type) && is_a(timed_calls, PyLong_Type) &&
-                          is_a(total_ms, PyFloat_Type) &&
+    const bool is_plain = values != nullptr && py::is_a(values[calls], PyLong_Type) &&
+                          py::is_a(values[timed_calls], PyLong_Type) && py::is_a(values[total_ms], PyFloat_Type) &&
                           (PyFloat_CheckExact(duration_ms) || duration_ms == Py_None || py::is_compact(duration_ms));
     return is_plain ? values : nullptr;
 }
