@@ -1,4 +1,4 @@
-// The wall clock: `time.time`, in epoch seconds. The lock is held whenever it is read.
+// The wall clock: `time.time`, in epoch seconds. It is read in sections only.
 #pragma once
 
 #include <Python.h>

@@ -15,15 +15,6 @@ namespace health::py {
 
 inline Ref get_attribute(PyObject* object, PyObject* name) { return Ref::steal(PyObject_GetAttr(object, name)); }
 
-/// The attribute by the runtime's own access, past what a class makes of it; empty, with no error set, if that fails.
-inline Ref get_generically(PyObject* object, PyObject* name) {
-    PyObject* value = PyObject_GenericGetAttr(object, name);
-    if (value == nullptr) {
-        PyErr_Clear();
-    }
-    return Ref::steal_optional(value);
-}
-
 /// The value under `key` of a dict, or nullptr. Borrowed: hold it with a `Ref` before anything may run Python code.
 /// Runs Python code only if `key`, or a key of the same hash, is of a type with its own `__eq__`.
 inline PyObject* find(PyObject* dict, PyObject* key) {

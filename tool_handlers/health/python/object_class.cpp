@@ -56,7 +56,8 @@ bool ObjectClass::is_read_back(PyObject* object, PyObject* const* values) const 
     PyObject* error = PyErr_GetRaisedException();
     bool is_same = true;
     for (std::size_t place = 0; values != nullptr && place < names_.size(); ++place) {
-        const Ref value = values[place] == nullptr ? Ref() : get_generically(object, name(place));
+        const Ref value =
+            values[place] == nullptr ? Ref() : Ref::steal_optional(PyObject_GenericGetAttr(object, name(place)));
         is_same = is_same && value.get() == values[place];
     }
     PyErr_SetRaisedException(error);
@@ -77,14 +78,21 @@ bool ObjectClass::leaves_access_alone() {
 
 Ref CachedAttribute::get(PyObject* object, PyObject* name) {
     PyTypeObject* type = Py_TYPE(object);
-    if (version_of(type) != version_) {
+    if (version_of(type) != version_ || version_ == 0) {
         const Ref kept = Ref::borrow(reinterpret_cast<PyObject*>(type));  // the object may get another class meanwhile
         PyObject* member = find_in_class(type, name);                     // a slot of the class is fine, too
         const bool is_simple = Py_TYPE(object) == type && type->tp_getattro == PyObject_GenericGetAttr &&
                                (is_bystander(member) || Py_IS_TYPE(member, &PyMemberDescr_Type));
         version_ = is_simple ? version_of(type) : 0;
     }
-    return version_ == 0 ? Ref() : get_generically(object, name);
+    if (version_ == 0) {
+        return {};
+    }
+    PyObject* value = PyObject_GenericGetAttr(object, name);
+    if (value == nullptr) {
+        PyErr_Clear();
+    }
+    return Ref::steal_optional(value);
 }
 
 }  // namespace health::py

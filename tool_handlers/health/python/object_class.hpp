@@ -70,6 +70,18 @@ private:
     Original original_;
 };
 
+/// One attribute of objects that are mostly of one class, whatever that is.
+class CachedAttribute {
+public:
+    /// The attribute `name`, an interned text, if nothing in the object's class takes part in the access; else empty,
+    /// with no error set. Runs Python code only where a namespace has keys that are not exactly str: keep the object,
+    /// and read what you rely on afterwards.
+    Ref get(PyObject* object, PyObject* name);
+
+private:
+    unsigned int version_ = 0;  // of the class that was last found to leave the access alone; 0 for none
+};
+
 /// The fields of one object of such a class. `Fields` has an enum `Field` of their places, and their `names`. Borrows
 /// the object, which the caller keeps alive.
 template <class Fields>
@@ -98,8 +110,8 @@ public:
         return value ? std::move(value) : get_attribute(object_, class_.name(field));
     }
 
-    /// The same for any object, past attribute access of its own; empty where there is none.
-    [[nodiscard]] Ref peek(Field field) const { return get_generically(object_, class_.name(field)); }
+    /// The same for an object of any class, as `CachedAttribute::get`.
+    [[nodiscard]] Ref peek(Field field) const { return CachedAttribute().get(object_, class_.name(field)); }
 
     /// `object.field = value`. Returns what it replaced, for the caller to drop when that may run Python code; empty
     /// where there was nothing, or where the object has attribute access of its own. On a direct object that has the
@@ -126,18 +138,6 @@ public:
 private:
     ObjectClass& class_;
     PyObject* object_;
-};
-
-/// One attribute of objects that are mostly of one class, whatever that is.
-class CachedAttribute {
-public:
-    /// The attribute `name`, an interned text, if nothing in the object's class takes part in the access; else empty,
-    /// with no error set. Runs Python code only where a namespace has keys that are not exactly str: keep the object,
-    /// and read what you rely on afterwards.
-    Ref get(PyObject* object, PyObject* name);
-
-private:
-    unsigned int version_ = 0;  // of the class that was last found to leave the access alone; 0 for none
 };
 
 }  // namespace health::py

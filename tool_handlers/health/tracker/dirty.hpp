@@ -2,8 +2,8 @@
 //
 // A name is never lost. A flush takes the names out, and puts them back when it fails. Where a name cannot go into the
 // set (no memory, an interruption while waiting for the lock to put names back), one flag says that every tool counts
-// as changed: `_usage_dirty` is 2, which counts as true, instead of True. Setting it cannot fail, and the next flush
-// takes the names of all tools; a spare row does no harm.
+// as changed: `_usage_dirty` is 2, which counts as true, instead of True. Setting it takes no memory, and the next
+// flush takes the names of all tools; a spare row does no harm.
 #pragma once
 
 #include <Python.h>
