@@ -49,8 +49,9 @@ void learn_classes(PyObject* module, ModuleState& state) {
     state.usage.learn(py::get_attribute(module, "_Usage").get(), UsageFields::names);
     const Ref tracker = py::get_attribute(module, "ToolHealthTracker");
     state.tracker.learn(tracker.get(), TrackerFields::names);
-    state.cooldown = py::find_in_class(reinterpret_cast<PyTypeObject*>(tracker.get()), state.names[Name::cooldown_s]);
-    state.originals.cooldown_getter.remember(py::getter_of(state.cooldown));
+    PyObject* cooldown =
+        py::find_in_class(reinterpret_cast<PyTypeObject*>(tracker.get()), state.names[Name::cooldown_s]);
+    state.originals.cooldown_getter.remember(py::getter_of(cooldown));
 }
 
 /// The Python function behind a name of a namespace; a property's is its getter.

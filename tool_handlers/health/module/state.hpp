@@ -59,9 +59,8 @@ struct ModuleState {
     py::LookupCache lookups;                   // of the trackers' two mappings
     py::CachedAttribute disable_after_errors;  // of the settings, as the next
     py::CachedAttribute disable_cooldown_s;
-    PyObject* cooldown = nullptr;  // the tracker's property, borrowed while its class has the version that was learnt
-    py::Ref enabled_answer;        // `(False, None)`
-    py::Ref disabled_answer;       // `(True, error)`, the last one, or empty
+    py::Ref enabled_answer;   // `(False, None)`
+    py::Ref disabled_answer;  // `(True, error)`, the last one, or empty
 
     /// Fills in what rests on names that the module has bound. The classes are learnt by themselves. Throws a
     /// MemoryError.

@@ -37,7 +37,6 @@ void ObjectClass::learn(PyObject* type, std::span<const char* const> names) {
     PyObject** values = values_of_word(attributes_word(first.get()));
     if (values != nullptr && std::equal(wanted.begin(), wanted.end(), values)) {
         direct_type_ = type_;
-        learnt_version_ = version_;
         original_.remember(type);
     }
 }

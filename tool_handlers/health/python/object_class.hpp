@@ -43,9 +43,6 @@ public:
         return has_own_attributes(object) ? dict_of_word(attributes_word(object)) : nullptr;
     }
 
-    /// Whether no member of the class, which has direct objects, was replaced since it was learnt.
-    [[nodiscard]] bool has_learnt_version() const { return version_of(type_) == learnt_version_; }
-
     /// Whether calling `type` makes an object of this class, as it was when it was learnt.
     [[nodiscard]] bool is_made_by(PyObject* type) const { return original_.is(type); }
 
@@ -65,8 +62,7 @@ private:
     PyTypeObject* direct_type_ = nullptr;  // the same, if its objects are kept as they should be
     Ref weak_type_;                        // a weak reference to it, to tell it from another class in its place
     RefVector<Ref> names_;
-    unsigned int version_ = no_version;         // in which nothing takes part in the access
-    unsigned int learnt_version_ = no_version;  // in which it was learnt
+    unsigned int version_ = no_version;  // in which nothing takes part in the access
     Original original_;
 };
 

@@ -57,6 +57,9 @@ void Original::remember_function(PyObject* function) {
 }
 
 bool Original::is_same(const Function& function) {
+    if (!PyFunction_Check(function.function)) {
+        return false;  // something else in the place of a function that has died
+    }
     PyObject* keyword_defaults = PyFunction_GET_KW_DEFAULTS(function.function);
     return PyFunction_GET_CODE(function.function) == function.code.get() &&
            PyFunction_GET_DEFAULTS(function.function) == function.defaults.get() &&

@@ -36,11 +36,10 @@ Ref disabled_answer(const Context& context, PyObject* error) {
     return answer;
 }
 
-/// Whether the class of a direct tracker still has the `cooldown_s` that it was made with, which reads the setting.
-/// (`property.__init__` can exchange the getter of a property, of which the class does not tell.)
-bool has_own_cooldown(const Context& context) {
-    return context.state.tracker.has_learnt_version() &&
-           context.state.originals.cooldown_getter.is(py::getter_of(context.state.cooldown));
+/// Whether the class of a direct tracker still has the `cooldown_s` that reads the setting. Runs no Python code.
+bool has_own_cooldown(const Context& context, PyObject* self) {
+    PyObject* cooldown = py::find_in_class(Py_TYPE(self), context[Name::cooldown_s]);
+    return context.state.originals.cooldown_getter.is(py::getter_of(cooldown));
 }
 
 /// The values of a tool's direct record, if it is known and a section may be elided; else nullptr. Good until Python
@@ -52,7 +51,7 @@ PyObject** known_values(const Context& context, const TrackerView& tracker, PyOb
 
 /// The answer in an elided section, about a tool that is enabled or whose cooldown runs; empty where it takes a section
 /// with the lock.
-Ref answer_elided(const Context& context, const TrackerView& tracker, PyObject* tool_name) {
+Ref answer_elided(const Context& context, const TrackerView& tracker, PyObject* self, PyObject* tool_name) {
     PyObject** values = known_values(context, tracker, tool_name);
     if (values == nullptr || values[disabled_at] == nullptr) {
         return {};
@@ -64,7 +63,7 @@ Ref answer_elided(const Context& context, const TrackerView& tracker, PyObject* 
     PyObject* clock = context.find(Name::time);
     values = known_values(context, tracker, tool_name);  // again, after these (see `CachedAttribute::get`)
     if (!cooldown || values == nullptr || values[disabled_at] == nullptr || !PyFloat_CheckExact(values[disabled_at]) ||
-        values[last_error] == nullptr || !has_own_cooldown(context)) {
+        values[last_error] == nullptr || !has_own_cooldown(context, self)) {
         return {};
     }
     const Ref now = read_original_clock(context, clock);
@@ -84,7 +83,7 @@ bool is_cooldown_over(const Context& context, PyObject* self, PyObject* now, PyO
 
 Ref is_disabled(const Context& context, PyObject* self, PyObject* tool_name) {
     const TrackerView tracker = view_tracker(context, self);
-    if (Ref answer = answer_elided(context, tracker, tool_name)) {
+    if (Ref answer = answer_elided(context, tracker, self, tool_name)) {
         return answer;
     }
     StepwiseChange<ToolStateFields> change(context.state.tool_state);
