@@ -37,7 +37,8 @@ void ObjectClass::learn(PyObject* type, std::span<const char* const> names) {
     PyObject** values = values_of_word(attributes_word(first.get()));
     if (values != nullptr && std::equal(wanted.begin(), wanted.end(), values)) {
         direct_type_ = type_;
-        original_.remember(type);
+        initialiser_name_ = Ref::steal(PyUnicode_InternFromString("__init__"));
+        initialiser_.remember(find_in_class(type_, initialiser_name_.get()));
     }
 }
 
@@ -64,7 +65,7 @@ bool ObjectClass::is_read_back(PyObject* object, PyObject* const* values) const 
 }
 
 /// Looks whether nothing takes part in the access in the version that the class has now, and notes that version if so.
-bool ObjectClass::leaves_access_alone() {
+bool ObjectClass::is_left_alone_now() {
     if (type_->tp_getattro != PyObject_GenericGetAttr || type_->tp_setattro != PyObject_GenericSetAttr ||
         PyWeakref_GET_OBJECT(weak_type_.get()) != reinterpret_cast<PyObject*>(type_)) {
         return false;
@@ -84,10 +85,7 @@ Ref CachedAttribute::get(PyObject* object, PyObject* name) {
                                (is_bystander(member) || Py_IS_TYPE(member, &PyMemberDescr_Type));
         version_ = is_simple ? version_of(type) : 0;
     }
-    if (version_ == 0) {
-        return {};
-    }
-    PyObject* value = PyObject_GenericGetAttr(object, name);
+    PyObject* value = version_ == 0 ? nullptr : PyObject_GenericGetAttr(object, name);
     if (value == nullptr) {
         PyErr_Clear();
     }

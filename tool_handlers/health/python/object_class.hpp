@@ -43,17 +43,21 @@ public:
         return has_own_attributes(object) ? dict_of_word(attributes_word(object)) : nullptr;
     }
 
-    /// Whether calling `type` makes an object of this class, as it was when it was learnt.
-    [[nodiscard]] bool is_made_by(PyObject* type) const { return original_.is(type); }
+    /// Whether calling `type` makes an object of this class, by the `__init__` that it had when it was learnt. (The
+    /// version of the class does not tell: the runtime notes things of its own in classes, as at `copy.copy`.)
+    [[nodiscard]] bool is_made_by(PyObject* type) {
+        return type == reinterpret_cast<PyObject*>(direct_type_) && Py_IS_TYPE(type, &PyType_Type) &&
+               leaves_access_alone() && type_->tp_new == PyBaseObject_Type.tp_new &&
+               initialiser_.is(find_in_class(type_, initialiser_name_.get()));
+    }
 
     /// What such a call makes, with these values, one for each name. Runs no Python code; throws a MemoryError.
     [[nodiscard]] Ref make(std::span<PyObject* const> values) const;
 
 private:
-    bool has_own_attributes(PyObject* object) {
-        return Py_TYPE(object) == direct_type_ && (version_of(type_) == version_ || leaves_access_alone());
-    }
-    bool leaves_access_alone();
+    bool has_own_attributes(PyObject* object) { return Py_TYPE(object) == direct_type_ && leaves_access_alone(); }
+    bool leaves_access_alone() { return version_of(type_) == version_ || is_left_alone_now(); }
+    bool is_left_alone_now();
     [[nodiscard]] bool is_read_back(PyObject* object, PyObject* const* values) const;
 
     static constexpr unsigned int no_version = ~0U;  // that no class has
@@ -63,7 +67,8 @@ private:
     Ref weak_type_;                        // a weak reference to it, to tell it from another class in its place
     RefVector<Ref> names_;
     unsigned int version_ = no_version;  // in which nothing takes part in the access
-    Original original_;
+    Ref initialiser_name_;
+    Original initialiser_;
 };
 
 /// One attribute of objects that are mostly of one class, whatever that is.

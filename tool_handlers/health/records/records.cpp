@@ -8,7 +8,7 @@ using py::Ref;
 
 Ref make_tool_state(const Context& context) {
     const Ref type = context.get(Name::_ToolState);
-    const py::ObjectClass& own = context.state.tool_state;
+    py::ObjectClass& own = context.state.tool_state;
     if (!own.is_made_by(type.get())) {
         return py::call(type.get());
     }
@@ -20,7 +20,7 @@ Ref make_tool_state(const Context& context) {
 Ref make_tool_state(const Context& context, PyObject* call_count, PyObject* error_count, PyObject* last_error,
                     PyObject* disabled_at, PyObject* updated_at) {
     const Ref type = context.get(Name::_ToolState);
-    const py::ObjectClass& own = context.state.tool_state;
+    py::ObjectClass& own = context.state.tool_state;
     if (own.is_made_by(type.get())) {
         const Ref no_run = py::integer(0);
         return own.make(std::array{call_count, error_count, last_error, disabled_at, updated_at, no_run.get()});
@@ -32,7 +32,7 @@ Ref make_tool_state(const Context& context, PyObject* call_count, PyObject* erro
 
 Ref make_usage(const Context& context) {
     const Ref type = context.get(Name::_Usage);
-    const py::ObjectClass& own = context.state.usage;
+    py::ObjectClass& own = context.state.usage;
     if (!own.is_made_by(type.get())) {
         return py::call(type.get());
     }
@@ -43,7 +43,7 @@ Ref make_usage(const Context& context) {
 
 Ref make_usage(const Context& context, PyObject* calls, PyObject* timed_calls, PyObject* total_ms) {
     const Ref type = context.get(Name::_Usage);
-    const py::ObjectClass& own = context.state.usage;
+    py::ObjectClass& own = context.state.usage;
     return own.is_made_by(type.get()) ? own.make(std::array{calls, timed_calls, total_ms})
                                       : py::call(type.get(), calls, timed_calls, total_ms);
 }
