@@ -1,5 +1,6 @@
-// The `tools` settings, read at each use from the object the tracker was given: here those that are plain numbers, as
-// `CachedAttribute::get` reads them. Empty for any other, which is to be read as an attribute. `limits` may be nullptr.
+// The `tools` settings, read at each use from the object that the tracker was given. Each function gives a setting that
+// is a plain number, as `CachedAttribute::get` reads it. For any other it gives nothing: read that as an attribute.
+// `limits` may be nullptr; the caller keeps it.
 #pragma once
 
 #include <Python.h>

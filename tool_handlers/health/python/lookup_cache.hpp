@@ -1,9 +1,9 @@
 // A cache of dictionary look-ups that have been made, as the runtime's own cache of type attributes is one.
 //
 // An entry holds a key, the value borrowed from the dictionary, and the dictionary's version: a number that no other
-// state of any dictionary of this interpreter has. It serves while the dictionary has that version, so its answer is
-// that of a look-up. It is found without running Python code, and without building the key where that is a tuple. Each
-// key has one place; another that has the same one takes it over.
+// state of any dictionary of this interpreter has. It serves while the dictionary has that version and the value is
+// not dying (see `version_of`), so its answer is that of a look-up. It is found without running Python code, and
+// without building the key where that is a tuple. Each key has one place; another that has the same one takes it over.
 //
 // An entry keeps its key alive until another takes its place, also when the dictionary is gone: at most 1,024 keys.
 //

@@ -3,7 +3,7 @@
 // A name is never lost. A flush takes the names out, and puts them back when it fails. Where a name cannot go into the
 // set (no memory, an interruption while waiting for the lock to put names back), one flag says that every tool counts
 // as changed: `_usage_dirty` is 2, which counts as true, instead of True. Setting it takes no memory, and the next
-// flush takes the names of all tools; a spare row does no harm.
+// flush takes all names; a spare row does no harm. (A class with attribute access of its own hides it.)
 #pragma once
 
 #include <Python.h>

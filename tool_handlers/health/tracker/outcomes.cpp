@@ -29,8 +29,8 @@ Ref shorten(PyObject* error) {
     return py::get_item(error, Ref::steal(PySlice_New(nullptr, stop.get(), nullptr)).get());
 }
 
-// What an outcome reads: the clock, then the threshold. Where that runs no Python code both are read before the steps,
-// as nobody can tell; else by the steps.
+// What an outcome reads: the clock, then the threshold. LiveReadings reads each at the step that uses it. PlainReadings
+// has both before the first step, in either order: reading them runs no Python code, so nobody can tell.
 
 struct PlainReadings {
     Ref limit;
