@@ -132,9 +132,11 @@ class Interruptions(TrackerTest):
 
     def test_an_interruption_while_names_wait_to_be_put_back(self):
         """Nothing is lost, whichever write failed."""
-        for statement, names in ("executemany", sorted([*"abc", *MANY])), ("execute", []):
-            with self.subTest(statement):
-                tracker, written = self.interrupt_flush(statement)
+        cases = ("executemany", sorted([*"abc", *MANY])), ("execute", [])
+        own = health.ToolHealthTracker, type("Own", (health.ToolHealthTracker,), {})
+        for (statement, names), tracker_class in itertools.product(cases, own):
+            with self.subTest(statement, tracker_class=tracker_class):
+                tracker, written = self.interrupt_flush(statement, tracker_class)
                 if names:  # neither a call nor a write of the counts alone makes it forget
                     count(tracker, *KEY)
                     self.assertGreater(tracker._flush_usage(), 0)
@@ -146,7 +148,7 @@ class Interruptions(TrackerTest):
                 self.assertIn('"outcome":"\\u00e9"', document)
                 self.assertIs(tracker.has_unsaved_changes, False)
 
-    def interrupt_flush(self, statement):
+    def interrupt_flush(self, statement, tracker_class):
         # The tracker after a flush of all names: the statement fails while the lock is held, and a signal's handler
         # raises while the thread waits for it.
         world = World(health, names=[*"abc", *MANY])
@@ -161,6 +163,7 @@ class Interruptions(TrackerTest):
                 signal.setitimer(signal.ITIMER_REAL, 0)
                 raise KeyboardInterrupt
 
+        world.tracker.__class__ = tracker_class
         world.change_all()
         self.addCleanup(limit_time)  # by the same signal
         signal.signal(signal.SIGALRM, handle)

@@ -7,8 +7,10 @@
 
 import copy
 import ctypes
+import gc
 import inspect
 import itertools
+import operator
 import pickle
 import pydoc
 import re
@@ -17,6 +19,7 @@ import threading
 import time
 import types
 import typing
+import weakref
 from collections import OrderedDict, UserDict, defaultdict
 from datetime import datetime, timedelta, timezone
 from functools import partial
@@ -24,7 +27,7 @@ from types import SimpleNamespace
 from unittest import mock
 
 from quorl_dendra.config import ToolsConfig
-from harness import CENSUS, FIELDS, OPERATIONS, REAL_CLOCK, World, load, remembered, shown
+from harness import CENSUS, FIELDS, KEY, OPERATIONS, REAL_CLOCK, World, load, remembered, shown
 from support import NOW, TrackerTest, baseline, count, health, result
 
 NAMES = [name for name in vars(health) if name[:2] != "__"]
@@ -145,6 +148,7 @@ TRACKER_CHANGES = (
     lambda m, t: assign(t, "__dict__", {**vars(t), "_state": {}}),
     lambda m, t: mock.patch.dict(vars(t), _usage={}).start(),
     lambda m, t: copy.copy(t),
+    lambda m, t: (delattr(m, "is_slow_call"), mock.patch("builtins.is_slow_call", operator.eq, create=True).start()),
     lambda m, t: m.ToolHealthTracker(t._repo, 0),
     lambda m, t: object.__new__(m.ToolHealthTracker),
     lambda m, t: assign(t, "__class__", type("Own", (m.ToolHealthTracker,), {"cooldown_s": 0})),
@@ -229,6 +233,52 @@ def lent(module, tracker):
     return [result(member, stranger, *names) for member in members for names in given], remembered(stranger)
 
 
+def stored_as_an_attribute(module, tracker):
+    # That drops the old record before the dictionary has another version. A weak reference then calls the tracker.
+    holder = type("Holder", (), {})()
+    holder.__dict__ = tracker._state
+
+    def store():
+        holder.a = module._ToolState()
+
+    for _ in range(30):  # until the interpreter does it its fast way
+        store()
+        tracker.record_success("a")
+    reference = weakref.ref(tracker._state["a"], lambda _: tracker.record_success("a"))
+    store()
+    return reference(), tracker._state["a"].call_count
+
+
+def with_code_of_its_own(module, tracker):
+    # A tool's name that changes the settings when it is hashed; a setting's that drops them when it is compared.
+    class Tool(str):
+        def __hash__(self):
+            tracker._limits.disable_after_errors -= 1
+            return str.__hash__(self)
+
+    class Setting(str):
+        __hash__ = str.__hash__
+
+        def __eq__(self, other):
+            tracker._limits = ToolsConfig()
+            gc.collect()  # frees the class of the old ones
+            return str.__eq__(self, other)
+
+    tracker.record_error(Tool("new"), "text")
+    tracker.record_success("a")
+    tracker._limits = type("Limits", (), {Setting("disable_after_errors"): 1})()
+    tracker.record_error("a", "text")
+    return tracker._state.items()
+
+
+def rounded_once(module, tracker):
+    # A total that rounds to a float of many digits.
+    tracker._usage[KEY].total_ms = type("Rough", (float,), {"__round__": float.__truediv__})(1)
+    tracker._usage_dirty = True
+    tracker.flush()
+    return tracker._repo.execute.__self__.items()
+
+
 def described_class(cls):
     return list(vars(cls)), inspect.getmembers(cls, inspect.isfunction), cls.__mro__, pydoc.plain(pydoc.render_doc(cls))
 
@@ -242,6 +292,9 @@ QUESTIONS = (
     lambda m, t: [(count(t, tool), tool.mock_calls) for tool in [mock.MagicMock()] * 3],
     lambda m, t: m.thread_census_report(5, SimpleNamespace(**CENSUS))["python_by_name"] is CENSUS["python_threads"],
     key_without_end,
+    stored_as_an_attribute,
+    with_code_of_its_own,
+    rounded_once,
     lent,
     copied,
 )
@@ -280,7 +333,7 @@ class Python(TrackerTest):
         self.check_tour(lambda m, t: None)
         for target in "json.dumps", "json.JSONEncoder", "json.JSONEncoder.encode", "threading.Lock":
             self.check_tour(lambda m, t: mock.patch(target).start(), target)
-        for target in "json.loads", "json.JSONDecoder.decode":
+        for target in "json.loads", "json.JSONDecoder.decode", "json._default_decoder.decode":
             self.check_tour(lambda m, t: mock.patch(target, lambda *_: []).start(), target)
         self.check_tour(lambda m, t: assign(m, "_SQLITE_TIMESTAMP", "%H"))
         self.check_tour(borrow)
