@@ -7,7 +7,7 @@ from itertools import product
 from unittest import mock
 
 from quorl_dendra.repository import Repository
-from harness import OPERATIONS, REAL_CLOCK, World, derived, wrapped
+from harness import OPERATIONS, REAL_CLOCK, World, derived, load, wrapped
 from support import NOW, PlainTest, TrackerTest, count
 
 # A tool's life: e an error (of the texts e1, e2, ...), s a success, ? the question whether it is
@@ -108,16 +108,16 @@ class OutcomesTests:
             disable_after_errors = property(lambda self: read(1))
             disable_cooldown_s = property(lambda self: read(60.0))
 
-        tracker = self.make()
-        tracker._limits = Limits()
         file = mock.Mock(readable=lambda: True, fileno=partial(read, NOW))
         for clock in file.fileno, io.BufferedReader(file).fileno:  # the latter is native, and runs Python code
-            with self.subTest(clock), mock.patch("time.time", clock):
-                held = []
-                tracker.record_error("a", "bad")  # takes one setting and the time, as does the next
-                tracker.is_disabled("a")
-                tracker.record_success("a")
-                self.assertEqual(held, [True] * 5)
+            with mock.patch("time.time", clock):
+                for tracker in self.make(), load(self.module.__file__).ToolHealthTracker(self.db):
+                    tracker._limits, held = Limits(), []
+                    for _ in range(3):
+                        tracker.record_error("a", "bad")  # takes one setting and the time, as does the next
+                        tracker.is_disabled("a")
+                        tracker.record_success("a")
+                    self.assertEqual(held, [True] * 15, clock)
 
     def test_what_ties_keeps_its_order(self):
         """Tools with as many errors and calls; rows of no action and of one that is called None."""

@@ -432,10 +432,12 @@ class Python(TrackerTest):
         code = ctypes.c_void_p.from_address(definition + ctypes.sizeof(ctypes.c_char_p))
         self.addCleanup(setattr, code, "value", code.value)
         trackers = [self.make()]
-        trackers[0].record_success("a")
+        for _ in range(3):
+            trackers[0].record_success("a")
         code.value = ctypes.cast(stopped, ctypes.c_void_p).value
         trackers.append(World(load()).tracker)
         for tracker in trackers:
             held = []
-            tracker.record_success("a")
-            self.assertEqual((held, tracker._state["a"].updated_at), ([True], 7.0))
+            for _ in range(3):
+                tracker.record_success("a")
+            self.assertEqual((held, tracker._state["a"].updated_at), ([True] * 3, 7.0))
