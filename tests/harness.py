@@ -11,7 +11,6 @@ import copy
 import functools
 import importlib.util
 import itertools
-import json
 import operator
 import re
 import sys
@@ -244,7 +243,9 @@ def disable_at_once(world):
 
 
 def explain(world):
+    world.tracker.is_disabled("b")  # from now on, it is found natively
     world.tracker._state["b"].last_error = str(world.time)  # a new text
+    world.limits.disable_cooldown_s = 1e10  # longer than since the epoch
 
 
 def spoil(world):
@@ -278,7 +279,7 @@ OPERATIONS = {
     "success that grows a set": Operation("tracker.record_success", "new", prepare=methodcaller("change", *"abc1")),
     "success of a known tool": Operation("tracker.record_success", "a"),
     "success of a dirty tool": Operation("tracker.record_success", "a", prepare=methodcaller("change", "a")),
-    "error of a new tool": Operation("tracker.record_error", "new", "text"),
+    "error of a new tool": Operation("tracker.record_error", "new", "text" * 999),
     "error of a dirty tool": Operation("tracker.record_error", "a", "é" * 999, prepare=methodcaller("change", "a")),
     "error of a disabled tool": Operation("tracker.record_error", "b", None, prepare=disable_at_once),
     "error of nonsense": Operation("tracker.record_error", "a", 5),
@@ -318,7 +319,8 @@ OPERATIONS = {
 HOLDERS = {
     "tracker": (lambda world: world.tracker, [*FIELDS, "_flush_health", "_flush_usage", "_usage_rows"]),
     "state": (lambda world: world.tracker._state["a"], health._ToolState.__match_args__),
-    "disabled": (lambda world: world.tracker._state["b"], ["disabled_at"]),
+    "disabled": (lambda world: world.tracker._state["b"], ["disabled_at", "last_error"]),
+    "cooled": (lambda world: world.tracker._state["c"], ["disabled_at"]),
     "counts": (lambda world: world.tracker._usage[KEY], health._Usage.__match_args__),
     "states": (lambda world: world.tracker._state, ["a"]),
     "usage": (lambda world: world.tracker._usage, [KEY]),
@@ -327,7 +329,6 @@ HOLDERS = {
     "argument": (lambda world: world.arguments, range(5)),
     "time": (lambda world: time, ["time"]),
     "threading": (lambda world: threading, ["Lock"]),
-    "json": (lambda world: json, ["loads", "dumps"]),
     "module": (
         lambda world: world.module,
         "TOOLS is_slow_call get_timing_collector thread_census logger json time threading datetime timezone ToolsConfig"
