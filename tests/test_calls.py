@@ -93,9 +93,11 @@ class HostCode(Test):
         self.assertEqual(play(World(), "summary", "tracker _usage", wrapped).uses.count(".items"), 1)
 
     def test_what_is_replaced_dies_when_the_lock_is_free(self):
-        for operation, place in itertools.product(OPERATIONS, PLACES):
+        odd = [(place, dying) for place in PLACES]
+        odd.append(("time time", lambda world, clock: lambda: dying(world, clock())))
+        for operation, (place, make) in itertools.product(OPERATIONS, odd):
             if not operation.startswith("load"):  # which comes before all calls
-                _, seen, _ = look(NATIVE, operation, place, dying)
+                _, seen, _ = look(NATIVE, operation, place, make)
                 self.assertNotIn("while the lock is held", str(seen), (operation, place))
 
 
@@ -122,7 +124,7 @@ class Interruptions(TrackerTest):
         self.assertEqual(tracker._state["a"].updated_at, 7.0)
 
     def test_json_whose_code_was_replaced_takes_effect(self):
-        world = World(health)
+        world = World(load())  # which knows json as it is now
         for function in json.loads, json.dumps:
             self.addCleanup(setattr, function, "__code__", function.__code__)
             function.__code__ = (lambda *args, **kwargs: []).__code__
@@ -137,8 +139,11 @@ class Interruptions(TrackerTest):
         for (statement, names), tracker_class in itertools.product(cases, own):
             with self.subTest(statement, tracker_class=tracker_class):
                 tracker, written = self.interrupt_flush(statement, tracker_class)
-                if names:  # neither a call nor a write of the counts alone makes it forget
+                if names:  # neither a call nor a flush that fails, nor a write of the counts alone makes it forget
                     count(tracker, *KEY)
+                    tracker._dirty.add(0)  # which has no place among the names
+                    self.assertRaises(TypeError, tracker.flush)
+                    tracker._dirty.remove(0)
                     self.assertGreater(tracker._flush_usage(), 0)
                 written.clear()
                 self.assertIs(tracker.has_unsaved_changes, True)
