@@ -10,6 +10,7 @@ import ctypes
 import gc
 import inspect
 import itertools
+import json
 import operator
 import pickle
 import pydoc
@@ -87,8 +88,10 @@ def fail():
     raise ZeroDivisionError
 
 
+# Keeps values as they are when they are put in.
+Copying = type("Copying", (dict,), {"__setitem__": lambda self, key, value: self.update({key: copy.copy(value)})})
 OTHER_FIELDS = (  # and what is put in their places, made of what was there
-    *itertools.product(["_state", "_usage"], [OrderedDict, UserDict, partial(defaultdict, fail)]),
+    *itertools.product(["_state", "_usage"], [OrderedDict, UserDict, lambda _: Copying(), partial(defaultdict, fail)]),
     *itertools.product(["_dirty"], [frozenset, list, dict.fromkeys]),
     ("_dirty", type("Forgetful", (set,), {"update": set.intersection_update})),
     ("_lock", lambda lock: threading.RLock()),
@@ -141,6 +144,12 @@ def set_first(self, *args):
     super(type(self), self).__init__(*args)
 
 
+def read_in_order(module, tracker):
+    # Reading the threshold ends the run of errors; there is no cooldown.
+    threshold = property(lambda self: setattr(tracker._state["a"], "consecutive_errors", 0) or 1)
+    tracker._limits = type("Limits", (), {"disable_after_errors": threshold})()
+
+
 TRACKER_CHANGES = (
     lambda m, t: vars(t),
     lambda m, t: vars(t).update(_limits=ToolsConfig(1, 0)),
@@ -159,6 +168,7 @@ TRACKER_CHANGES = (
     lambda m, t: own(m, t, __init__=set_first),
     lambda m, t: vars(m.ToolHealthTracker)["cooldown_s"].__init__(lambda self: 0),
     make_descriptor_later,
+    read_in_order,
     lambda m, t: assign(m.ToolHealthTracker, "__setattr__", note_setting),
     lambda m, t: assign(m.ToolHealthTracker, "__getattribute__", hide_usage),
 )
@@ -331,11 +341,15 @@ class Python(TrackerTest):
 
     def test_names_are_looked_up_at_each_use(self):
         self.check_tour(lambda m, t: None)
-        for target in "json.dumps", "json.JSONEncoder", "json.JSONEncoder.encode", "threading.Lock":
+        encoder = "json.JSONEncoder", "json.JSONEncoder.encode", "json.encoder.encode_basestring_ascii"
+        for target in "json.dumps", *encoder, "threading.Lock":
             self.check_tour(lambda m, t: mock.patch(target).start(), target)
+        self.check_tour(lambda m, t: mock.patch("json.dumps.__kwdefaults__", {}).start())
+        self.check_tour(lambda m, t: mock.patch.dict(json.dumps.__kwdefaults__, ensure_ascii=False).start())
         for target in "json.loads", "json.JSONDecoder.decode", "json._default_decoder.decode":
             self.check_tour(lambda m, t: mock.patch(target, lambda *_: []).start(), target)
         self.check_tour(lambda m, t: assign(m, "_SQLITE_TIMESTAMP", "%H"))
+        self.check_tour(lambda m, t: assign(m, "time", sys.modules["datetime"]))  # which has a class of that name
         self.check_tour(borrow)
         self.check_tour(lambda m, t: assign(m, "datetime", type("Later", (datetime,), {})))
         self.check_tour(lambda m, t: assign(m, "timezone", SimpleNamespace(utc=timezone(timedelta(hours=1)))))
