@@ -169,7 +169,7 @@ TRACKER_CHANGES = (
     lambda m, t: vars(m.ToolHealthTracker)["cooldown_s"].__init__(lambda self: 0),
     make_descriptor_later,
     read_in_order,
-    lambda m, t: assign(m.ToolHealthTracker, "__setattr__", note_setting),
+    lambda m, t: assign(m.ToolHealthTracker, "__setattr__", note_setting) and t,
     lambda m, t: assign(m.ToolHealthTracker, "__getattribute__", hide_usage),
 )
 RECORD_CHANGES = (  # of a class of records, or of a record
@@ -178,7 +178,7 @@ RECORD_CHANGES = (  # of a class of records, or of a record
     lambda cls, record: assign(record, "__dict__", dict.fromkeys(cls.__match_args__, 1)),
     lambda cls, record: assign(record, "note", 1),
     lambda cls, record: assign(record, "__class__", type("Own", (cls,), {"__getattribute__": lambda self, name: 3})),
-    lambda cls, record: assign(cls, "__setattr__", note_setting),
+    lambda cls, record: assign(cls, "__setattr__", lambda self, name, value: None),
     lambda cls, record: assign(cls, "__getattribute__", lambda self, name: 3),
     lambda cls, record: assign(cls, "__init__", lambda self, *args, **kwargs: None),
     lambda cls, record: assign(cls.__init__, "__defaults__", (7,) * len(cls.__match_args__)),
