@@ -59,8 +59,9 @@ def tour_twice(change, world):
     changed = result(change, world.module, world.tracker)
     if hasattr(type(changed), "_load"):
         world.tracker = changed
+    account = tour(world)
     seen = {name: shown(result(getattr, changed, name)) for name in ("notes", "mock_calls")}
-    return tour(world) | {name: re.sub(r"__le__\(.*?\)", "__le__(seconds)", text) for name, text in seen.items()}
+    return account | {name: re.sub(r"__le__\(.*?\)", "__le__(seconds)", text) for name, text in seen.items()}
 
 
 def assign(owner, name, value):
