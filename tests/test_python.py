@@ -397,6 +397,7 @@ class Python(TrackerTest):
         known = load(health.__file__)._known
         known.__code__ = known.__code__.replace(co_code=(lambda tool, action: tool).__code__.co_code)
         self.assertEqual(known("a", None), "a")
+        self.assertRaises(TypeError, known.__code__.co_consts[1].call, "a")  # of two arguments
 
     def test_code_that_is_replaced_while_it_runs_comes_to_its_end(self):
         """Although nothing else holds what it works with."""
