@@ -1,14 +1,11 @@
 """Calls between the module and its host: what fails, what takes effect, what interrupts."""
 
 import itertools
-import json
 import signal
-import sys
-import time
 from functools import partial
 from unittest import mock
 
-from harness import KEY, MANY, NATIVE, OPERATIONS, PLACES, PLAIN, REAL_CLOCK, World
+from harness import KEY, MANY, NATIVE, OPERATIONS, PLACES, PLAIN, World
 from harness import deleted, derived, dying, load, native_host, play, shown, unfit, wrapped
 from support import Test, TrackerTest, count, health, limit_time
 
@@ -108,29 +105,6 @@ def fail_at(number, error, world):
 
 class Interruptions(TrackerTest):
     """What a host does from outside while the module works natively."""
-
-    def test_a_module_of_another_type_takes_effect(self):
-        """Although the clock in its namespace is the runtime's own."""
-
-        class Loud(type(time)):
-            time = property(lambda self: lambda: 7.0)
-
-        tracker = World(health).tracker
-        self.addCleanup(setattr, time, "__class__", type(sys))
-        with mock.patch.dict(vars(time), time=REAL_CLOCK):
-            tracker.record_success("a")
-            time.__class__ = Loud
-            tracker.record_success("a")
-        self.assertEqual(tracker._state["a"].updated_at, 7.0)
-
-    def test_json_whose_code_was_replaced_takes_effect(self):
-        world = World(load())  # which knows json as it is now
-        for function in json.loads, json.dumps:
-            self.addCleanup(setattr, function, "__code__", function.__code__)
-            function.__code__ = (lambda *args, **kwargs: []).__code__
-        self.assertEqual(world.construct()._usage, {})
-        world.tracker._flush_usage()
-        self.assertEqual([*world.written.values()][-1], (health.TOOL_USAGE_KEY, []))
 
     def test_an_interruption_while_names_wait_to_be_put_back(self):
         """Nothing is lost, whichever write failed."""

@@ -5,6 +5,7 @@
 # the first one's place, and of what else it returns the `notes` or the `mock_calls` are compared. What a case does to
 # its module needs no undoing.
 
+import contextlib
 import copy
 import ctypes
 import gc
@@ -36,6 +37,7 @@ MEMBERS = [name for name in vars(health.ToolHealthTracker) if name == "__init__"
 FUNCTIONS = ["_sqlite_time", "_epoch", "_known", *NAMES[-2:], *MEMBERS]
 RECORDS = {"_ToolState": "_state", "_Usage": "_usage"}
 IMPORTED = "quorl_dendra.config", "quorl_dendra.utils.process", "json", "threading", "time", "dataclasses", "datetime"
+UNDO = contextlib.ExitStack()
 HELPERS = {"annotations", "Iterable", "_entries", "_rows", "_worst_first", "_record"}  # the plain version's own
 
 
@@ -68,6 +70,12 @@ def assign(owner, name, value):
     # Put the value in a name's place.
     setattr(owner, name, value)
     return value
+
+
+def assign_for_now(owner, name, value):
+    # The same of what all modules share.
+    UNDO.callback(setattr, owner, name, getattr(owner, name))
+    return assign(owner, name, value)
 
 
 def manager(leave, bind=staticmethod):
@@ -260,14 +268,9 @@ def stored_as_an_attribute(module, tracker):
     return reference(), tracker._state["a"].call_count
 
 
-def with_code_of_its_own(module, tracker):
-    # A tool's name that changes the settings when it is hashed; a setting's that drops them when it is compared.
-    class Tool(str):
-        def __hash__(self):
-            tracker._limits.disable_after_errors -= 1
-            return str.__hash__(self)
-
-    class Setting(str):
+def settings_dropped(module, tracker):
+    # While they are read, by a name in their class that is compared.
+    class Name(str):
         __hash__ = str.__hash__
 
         def __eq__(self, other):
@@ -275,9 +278,8 @@ def with_code_of_its_own(module, tracker):
             gc.collect()  # frees the class of the old ones
             return str.__eq__(self, other)
 
-    tracker.record_error(Tool("new"), "text")
     tracker.record_success("a")
-    tracker._limits = type("Limits", (), {Setting("disable_after_errors"): 1})()
+    tracker._limits = type("Limits", (), {Name("disable_after_errors"): 1})()
     tracker.record_error("a", "text")
     return tracker._state.items()
 
@@ -304,7 +306,7 @@ QUESTIONS = (
     lambda m, t: m.thread_census_report(5, SimpleNamespace(**CENSUS))["python_by_name"] is CENSUS["python_threads"],
     key_without_end,
     stored_as_an_attribute,
-    with_code_of_its_own,
+    settings_dropped,
     rounded_once,
     lent,
     copied,
@@ -322,7 +324,7 @@ class Python(TrackerTest):
     def observe(self, path, act):
         # What the case gives, and the warnings.
         self.warning.reset_mock()
-        with mock.patch("time.time", REAL_CLOCK):
+        with mock.patch("time.time", REAL_CLOCK), UNDO:
             world = World(load(path))
             with mock.patch.dict(sys.modules, {health.__name__: world.module}):
                 found = result(act, world)
@@ -347,6 +349,11 @@ class Python(TrackerTest):
             self.check_tour(lambda m, t: mock.patch(target).start(), target)
         self.check_tour(lambda m, t: mock.patch("json.dumps.__kwdefaults__", {}).start())
         self.check_tour(lambda m, t: mock.patch.dict(json.dumps.__kwdefaults__, ensure_ascii=False).start())
+        for function in json.dumps, json.loads:
+            code = (lambda *args, **kwargs: []).__code__
+            self.check_tour(lambda m, t: assign_for_now(function, "__code__", code), function)
+        loud = type("Loud", (types.ModuleType,), {"time": property(lambda self: lambda: 7.0, lambda self, value: None)})
+        self.check_tour(lambda m, t: assign_for_now(time, "__class__", loud))
         for target in "json.loads", "json.JSONDecoder.decode", "json._default_decoder.decode":
             self.check_tour(lambda m, t: mock.patch(target, lambda *_: []).start(), target)
         self.check_tour(lambda m, t: assign(m, "_SQLITE_TIMESTAMP", "%H"))

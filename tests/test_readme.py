@@ -29,13 +29,13 @@ PRELOAD = os.environ.get("LD_PRELOAD", "")  # a sanitizer build needs the machin
 
 
 def blocks(document: str) -> list[tuple[str, str]]:
-    """The fenced blocks of a document: their languages and texts, in their order."""
+    # The fenced blocks of a document: their languages and texts, in their order.
     return re.findall(r"^```(\w+)\n(.*?)^```$", DOCUMENTS[document], re.MULTILINE | re.DOTALL)
 
 
 class Documents(unittest.TestCase):
     def setUp(self) -> None:
-        """A directory like the top of the tree after a build, and python3.12 on the path."""
+        # A directory like the top of the tree after a build, and python3.12 on the path.
         self.top = Path(self.enterContext(tempfile.TemporaryDirectory()))
         for path in SOURCES.iterdir():
             if path.name not in ("build", ".git"):

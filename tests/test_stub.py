@@ -32,7 +32,7 @@ def names_of(owner):
 
 
 def declared(name, value):
-    """What a function, a property, a class or a constant is declared as."""
+    # What a function, a property, a class or a constant is declared as.
     if isinstance(value, property):
         return property, value.fset, value.fdel, declared(name, value.fget)
     if inspect.isfunction(value) and value.__module__ == health.__name__:
@@ -44,13 +44,13 @@ def declared(name, value):
 
 
 def keys_declared(shape):
-    """Each key of a TypedDict, and the words of its type, such as {NotRequired, int}; of a list or dict, only that."""
+    # Each key of a TypedDict, and the words of its type, such as {NotRequired, int}; of a list or dict, only that.
     for key, hint in shape.__annotations__.items():
         yield key, {*re.findall(r"\w+", re.sub(r"(?<=list|dict)\[.*]", "", hint.__forward_arg__))}
 
 
 def keys_seen(reports):
-    """The same of reports that differ in every way they can."""
+    # The same of reports that differ in every way they can.
     for key in dict.fromkeys(key for report in reports for key in report):
         kinds = {type(report[key]).__name__ if key in report else "NotRequired" for report in reports}
         yield key, {kind.removesuffix("Type") for kind in kinds}
