@@ -115,9 +115,9 @@ class Interruptions(TrackerTest):
                 tracker, written = self.interrupt_flush(statement, tracker_class)
                 if names:  # neither a call nor a flush that fails, nor a write of the counts alone makes it forget
                     count(tracker, *KEY)
-                    tracker._dirty.add(0)  # which has no place among the names
+                    tracker._state[0] = None  # a name that has no place among the others
                     self.assertRaises(TypeError, tracker.flush)
-                    tracker._dirty.remove(0)
+                    del tracker._state[0]
                     self.assertGreater(tracker._flush_usage(), 0)
                 written.clear()
                 self.assertIs(tracker.has_unsaved_changes, True)
