@@ -77,12 +77,15 @@ class OutcomesTests:
                     self.assertEqual(tracker.is_disabled("a"), answer)
                 self.assertEqual(len(times), not record or record[3] is None)
 
-    def test_more_keys_than_the_cache_has_places(self):
+    def test_more_keys_than_the_caches_have_places(self):
         tracker = self.make()
         for _ in range(3):
             for number in range(2000):
                 count(tracker, "a", "x", str(number))
         self.assertEqual({record.calls for record in tracker._usage.values()}, {3})
+        tracker.flush()
+        self.db.answer = self.db.calls[-1][2][1:]  # the document
+        self.assertEqual(self.module.ToolHealthTracker(self.db)._usage, tracker._usage)
 
     def test_the_work_of_a_call_does_not_grow_with_the_tools(self):
         """It uses its own tool and key, and no other."""
