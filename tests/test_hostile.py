@@ -4,6 +4,7 @@ import gc
 import itertools
 import sys
 import threading
+from types import SimpleNamespace
 from unittest import mock
 
 from harness import FIELDS, NATIVE, OPERATIONS, PLACES, World, derived, dying, native_host, play, remembered, wrapped
@@ -96,6 +97,31 @@ class Hostile(Test):
                 self.assertTrue(world.lock.acquire(blocking=False), "the lock is held")
             self.assertEqual(remember_anew(world.tracker), self.remembered)
         return bool(world.uses)
+
+    def test_odd_keys_of_namespaces(self):
+        """Of the settings' class and of the module: comparing them empties the records and drops the settings."""
+
+        class Key(str):
+            __hash__ = str.__hash__
+
+            def __eq__(self, other):
+                if next(uses) == last:
+                    [vars(record).clear() for record in world.tracker._state.values()]
+                    world.tracker._limits = None
+                    gc.collect()
+
+        self.enterContext(native_host())
+        settings = {Key("disable_after_errors"): 1, Key("disable_cooldown_s"): 1}
+        for operation, last in itertools.product(OPERATIONS, range(6)):
+            world, uses, odd = World(), itertools.count(9), Key("time")
+            OPERATIONS[operation].begin(world)
+            result(OPERATIONS[operation].call, world)  # what can be remembered is, from now on
+            world.tracker._limits = type("Limits", (SimpleNamespace,), settings)(**vars(world.limits))
+            clock = vars(NATIVE).pop("time")
+            vars(NATIVE).update({odd: None, "time": clock})
+            uses = itertools.count()
+            result(OPERATIONS[operation].call, world)
+            del vars(NATIVE)[odd]
 
     def test_an_operation_that_calls_itself_ends_in_an_error(self):
         """By way of native code alone."""

@@ -8,7 +8,6 @@
 import contextlib
 import copy
 import ctypes
-import gc
 import inspect
 import itertools
 import json
@@ -268,22 +267,6 @@ def stored_as_an_attribute(module, tracker):
     return reference(), tracker._state["a"].call_count
 
 
-def settings_dropped(module, tracker):
-    # While they are read, by a name in their class that is compared.
-    class Name(str):
-        __hash__ = str.__hash__
-
-        def __eq__(self, other):
-            tracker._limits = ToolsConfig()
-            gc.collect()  # frees the class of the old ones
-            return str.__eq__(self, other)
-
-    tracker.record_success("a")
-    tracker._limits = type("Limits", (), {Name("disable_after_errors"): 1})()
-    tracker.record_error("a", "text")
-    return tracker._state.items()
-
-
 def rounded_once(module, tracker):
     # A total that rounds to a float of many digits.
     tracker._usage[KEY].total_ms = type("Rough", (float,), {"__round__": float.__truediv__})(1)
@@ -306,7 +289,6 @@ QUESTIONS = (
     lambda m, t: m.thread_census_report(5, SimpleNamespace(**CENSUS))["python_by_name"] is CENSUS["python_threads"],
     key_without_end,
     stored_as_an_attribute,
-    settings_dropped,
     rounded_once,
     lent,
     copied,
