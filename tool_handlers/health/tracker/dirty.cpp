@@ -25,26 +25,10 @@ bool is_everything_dirty(const TrackerView& tracker) {
     return flag && py::is_compact(flag.get()) && py::compact_value(flag.get()) == everything;
 }
 
-/// The dirty names with those of all tools.
-Ref all_names(const Context& context, const TrackerView& tracker, PyObject* names) {
-    Ref all = py::hidden(PySet_New(names));
-    for (const MappingEntry& entry : list_entries(context, tracker.get(state).get())) {
-        py::check(PySet_Add(all.get(), entry.key.get()));
-    }
-    return all;
-}
-
 }  // namespace
 
 void mark_dirty(const Context& context, const TrackerView& tracker, PyObject* tool_name) {
-    Ref error = py::error_of([&] { py::call_method(tracker.get(dirty).get(), context[Name::add], tool_name); });
-    if (!error) {
-        return;
-    }
-    if (PyErr_GivenExceptionMatches(error.get(), PyExc_MemoryError) != 0) {
-        mark_everything_dirty(tracker);
-    }
-    py::rethrow(std::move(error));
+    py::call_method(tracker.get(dirty).get(), context[Name::add], tool_name);
 }
 
 bool is_any_dirty(const TrackerView& tracker) {
@@ -58,8 +42,7 @@ Ref set_usage_dirty(const TrackerView& tracker, bool value) {
 Ref take_dirty(const Context& context, const TrackerView& tracker) {
     const Ref names = tracker.get(dirty);
     const bool is_everything = is_everything_dirty(tracker);
-    const Ref taken = is_everything ? all_names(context, tracker, names.get()) : Ref::borrow(names.get());
-    Ref sorted = py::hidden(PySequence_List(taken.get()));
+    Ref sorted = py::hidden(PySequence_List(is_everything ? tracker.get(state).get() : names.get()));
     py::check(PyList_Sort(sorted.get()));
     py::call_method(names.get(), context[Name::clear]);
     if (is_everything) {

@@ -1,9 +1,9 @@
 // The tools whose health changed since it was written: the set `_dirty`.
 //
-// A name is never lost. A flush takes the names out, and puts them back when it fails. Where a name cannot go into the
-// set (no memory, an interruption while waiting for the lock to put names back), one flag says that every tool counts
-// as changed: `_usage_dirty` is 2, which counts as true, instead of True. Setting it takes no memory, and the next
-// flush takes all names; a spare row does no harm. (A class with attribute access of its own hides it.)
+// A name is never lost. A flush takes the names out, and puts them back when it fails. Where they cannot go back into
+// the set (no memory, an interruption while waiting for the lock), one flag says that every tool counts as changed:
+// `_usage_dirty` is 2, which counts as true, instead of True. Setting it takes no memory, and the next flush takes the
+// names of all tools; a spare row does no harm. (A class with attribute access of its own hides it.)
 #pragma once
 
 #include <Python.h>
@@ -15,7 +15,8 @@ namespace health {
 // All of these may run Python code where `_dirty` is not exactly a set, a name in it is not plain, or the tracker is
 // not direct; and pass on what that raises. The lock is held, but for `put_back_dirty`.
 
-/// `tracker._dirty.add(tool_name)`. When there is no memory for it, every tool is dirty, and the MemoryError is thrown.
+/// `tracker._dirty.add(tool_name)`. Also where it throws a MemoryError the name is in the set: only growing that
+/// failed.
 void mark_dirty(const Context& context, const TrackerView& tracker, PyObject* tool_name);
 
 /// Whether any tool is dirty.

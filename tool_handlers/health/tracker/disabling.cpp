@@ -53,7 +53,7 @@ PyObject** known_values(const Context& context, const TrackerView& tracker, PyOb
 /// with the lock.
 Ref answer_elided(const Context& context, const TrackerView& tracker, PyObject* self, PyObject* tool_name) {
     PyObject** values = known_values(context, tracker, tool_name);
-    if (values == nullptr || values[disabled_at] == nullptr) {
+    if (values == nullptr) {
         return {};
     }
     if (values[disabled_at] == Py_None) {
