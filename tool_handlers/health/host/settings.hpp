@@ -1,6 +1,6 @@
 // The `tools` settings, read at each use from the object that the tracker was given. Each function gives a setting that
 // is a plain number, as `CachedAttribute::get` reads it. For any other it gives nothing: read that as an attribute.
-// `limits` may be nullptr; the caller keeps it.
+// `limits` may be nullptr.
 #pragma once
 
 #include <Python.h>

@@ -59,6 +59,7 @@ struct ModuleState {
     py::LookupCache lookups;                   // of the trackers' two mappings
     py::CachedAttribute disable_after_errors;  // of the settings, as the next
     py::CachedAttribute disable_cooldown_s;
+    Found cooldown;           // what the tracker's class has as `cooldown_s`, in a version of it; borrowed likewise
     py::Ref enabled_answer;   // `(False, None)`
     py::Ref disabled_answer;  // `(True, error)`, the last one, or empty
 

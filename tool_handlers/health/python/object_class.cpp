@@ -77,6 +77,7 @@ bool ObjectClass::is_left_alone_now() {
 }
 
 Ref CachedAttribute::get(PyObject* object, PyObject* name) {
+    Py_INCREF(object);  // without a guard: this is on every failed call's path
     PyTypeObject* type = Py_TYPE(object);
     if (version_of(type) != version_ || version_ == 0) {
         const Ref kept = Ref::borrow(reinterpret_cast<PyObject*>(type));  // the object may get another class meanwhile
@@ -89,6 +90,7 @@ Ref CachedAttribute::get(PyObject* object, PyObject* name) {
     if (value == nullptr) {
         PyErr_Clear();
     }
+    Py_DECREF(object);
     return Ref::steal_optional(value);
 }
 

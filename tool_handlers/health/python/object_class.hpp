@@ -75,8 +75,8 @@ private:
 class CachedAttribute {
 public:
     /// The attribute `name`, an interned text, if nothing in the object's class takes part in the access; else empty,
-    /// with no error set. Runs Python code only where a namespace has keys that are not exactly str: keep the object,
-    /// and read what you rely on afterwards.
+    /// with no error set. Runs Python code only where a namespace has keys that are not exactly str: read what you
+    /// rely on afterwards.
     Ref get(PyObject* object, PyObject* name);
 
 private:

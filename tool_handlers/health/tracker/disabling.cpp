@@ -38,7 +38,11 @@ Ref disabled_answer(const Context& context, PyObject* error) {
 
 /// Whether the class of a direct tracker still has the `cooldown_s` that reads the setting. Runs no Python code.
 bool has_own_cooldown(const Context& context, PyObject* self) {
-    PyObject* cooldown = py::find_in_class(Py_TYPE(self), context[Name::cooldown_s]);
+    auto& [version, cooldown] = context.state.cooldown;
+    if (version != py::version_of(Py_TYPE(self)) || (cooldown != nullptr && py::is_dying(cooldown))) {
+        cooldown = py::find_in_class(Py_TYPE(self), context[Name::cooldown_s]);
+        version = py::version_of(Py_TYPE(self));
+    }
     return context.state.originals.cooldown_getter.is(py::getter_of(cooldown));
 }
 
@@ -59,7 +63,7 @@ Ref answer_elided(const Context& context, const TrackerView& tracker, PyObject* 
     if (values[disabled_at] == Py_None) {
         return Ref::borrow(context.state.enabled_answer.get());
     }
-    const Ref cooldown = plain_disable_cooldown_s(context, tracker.get_stored(TrackerFields::limits).get());
+    const Ref cooldown = plain_disable_cooldown_s(context, tracker.direct()[TrackerFields::limits]);
     PyObject* clock = context.find(Name::time);
     values = known_values(context, tracker, tool_name);  // again, after these (see `CachedAttribute::get`)
     if (!cooldown || values == nullptr || values[disabled_at] == nullptr || !PyFloat_CheckExact(values[disabled_at]) ||

@@ -107,7 +107,9 @@ template <class Outcome>
 inline bool prepare(PlainReadings& readings, const Context& context, const TrackerView& tracker,
                     const Outcome& outcome) {
     if constexpr (Outcome::reads_threshold) {
-        readings.limit = plain_disable_after_errors(context, tracker.get_stored(TrackerFields::limits).get());
+        PyObject** fields = tracker.direct();
+        readings.limit =
+            plain_disable_after_errors(context, fields == nullptr ? nullptr : fields[TrackerFields::limits]);
         if (!readings.limit) {
             return false;
         }
