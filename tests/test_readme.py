@@ -75,16 +75,13 @@ class Documents(unittest.TestCase):
         self.assertIn("a new process finds the 40 flushed calls", done.stdout)
 
     def test_an_installation_adds_two_files_to_a_daemon(self) -> None:
-        def files() -> dict[Path, bytes]:
-            return {path.relative_to(daemon): path.read_bytes() for path in daemon.rglob("*") if path.is_file()}
-
         daemon = self.top / "build/daemon"
-        before = files()
+        before = {path: path.read_bytes() for path in daemon.rglob("*") if path.is_file()}
         self.run_there("cmake --install build/release --prefix build/daemon")
-        after = files()
-        added = {Path("quorl_dendra/tool_handlers", name) for name in (Path(health.__file__).name, "health.pyi")}
-        self.assertEqual(after.keys() - before.keys(), added)
-        self.assertEqual(before, {path: after[path] for path in before})
+        added = {path for path in daemon.rglob("*") if path.is_file()} - before.keys()
+        handlers = daemon / "quorl_dendra/tool_handlers"
+        self.assertEqual(added, {handlers / Path(health.__file__).name, handlers / "health.pyi"})
+        self.assertEqual(before, {path: path.read_bytes() for path in before})
 
     def test_programs(self) -> None:
         for document in DOCUMENTS:

@@ -41,7 +41,7 @@ public:
 
     /// The same, or that of a builtin; throws a NameError.
     [[nodiscard]] py::Ref get(Name name) const {
-        PyObject* value = find(name);
+        PyObject* value = find(name);  // what is not there the runtime looks for, or says so
         return value != nullptr
                    ? py::Ref::borrow(value)
                    : py::Ref::steal(PyRun_String(PyUnicode_AsUTF8((*this)[name]), Py_eval_input, globals, globals));
