@@ -95,23 +95,17 @@ public:
     /// As `ObjectClass::values_of`.
     [[nodiscard]] PyObject** direct() const { return class_.values_of(object_); }
 
-    /// The value of a field if the object itself has it, direct or in its `__dict__`; else empty. Runs Python code only
-    /// if the `__dict__` has keys that are not exactly str.
-    [[nodiscard]] Ref get_stored(Field field) const {
-        if (PyObject** values = direct()) {
-            return Ref::borrow_optional(values[field]);
-        }
-        const Ref dict = Ref::borrow_optional(class_.dict_of(object_));
-        return Ref::borrow_optional(dict ? find(dict.get(), class_.name(field)) : nullptr);
-    }
-
     /// `object.field`. Runs Python code only if the object is not direct. Throws an AttributeError where there is none.
     [[nodiscard]] Ref get(Field field) const {
-        Ref value = get_stored(field);
-        return value ? std::move(value) : get_attribute(object_, class_.name(field));
+        if (PyObject** values = direct(); values != nullptr && values[field] != nullptr) {
+            return Ref::borrow(values[field]);
+        }
+        const Ref dict = Ref::borrow_optional(class_.dict_of(object_));  // comparing keys may replace it
+        PyObject* value = dict ? find(dict.get(), class_.name(field)) : nullptr;
+        return value != nullptr ? Ref::borrow(value) : get_attribute(object_, class_.name(field));
     }
 
-    /// The same for an object of any class, as `CachedAttribute::get`.
+    /// `object.field` of an object of any class, as `CachedAttribute::get` reads it.
     [[nodiscard]] Ref peek(Field field) const { return CachedAttribute().get(object_, class_.name(field)); }
 
     /// `object.field = value`. Returns what it replaced, for the caller to drop when that may run Python code; empty
