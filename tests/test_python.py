@@ -29,7 +29,7 @@ from unittest import mock
 
 from quorl_dendra.config import ToolsConfig
 from harness import CENSUS, FIELDS, KEY, OPERATIONS, REAL_CLOCK, World, load, remembered, shown
-from support import NOW, TrackerTest, baseline, count, health, result
+from support import TrackerTest, baseline, count, health, result
 
 NAMES = [name for name in vars(health) if name[:2] != "__"]
 MEMBERS = [name for name in vars(health.ToolHealthTracker) if name == "__init__" or name[:2] != "__"]

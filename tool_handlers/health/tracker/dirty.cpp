@@ -1,7 +1,7 @@
 #include "health/tracker/dirty.hpp"
 
 #include "health/python/numbers.hpp"
-#include "health/tracker/mapping.hpp"
+#include "health/python/recover.hpp"
 
 namespace health {
 
