@@ -38,7 +38,7 @@ MANY = [str(number) for number in range(9)]  # more names than a small set holds
 FIGURES = dict.fromkeys("name count avg_ms p95_ms min_ms max_ms errors".split(), 1.5)
 CENSUS = {"os_threads": 9, "python_total": 3, "python_threads": {"pool": 3}}
 ADDRESS = re.compile(r"0x[0-9a-f]+|id='\d+'|'/[^']*'")
-# What the clock shows now, in epoch seconds and as a stored time; no test's own times are as late.
+# What the clock shows now, or a later time, in epoch seconds and as it is stored.
 PRESENT = re.compile(r"\b1(7[1-9]|[89]\d)\d{7}\b(\.\d+)?|\b20(2[4-9]|[3-9]\d)-\d\d-\d\d \d\d:\d\d:\d\d")
 REAL_CLOCK = time.time
 WARNINGS = {}  # the last of each kind, in a native host
